@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstdint>
+
+#include "ZuUtils/ZuUtilsExport.h"
+
+// A point in time: 100-nanosecond ticks since 1601-01-01 00:00 UTC. The default is 0, no time.
+class ZUUTILS_API CTimeStamp {
+ public:
+  CTimeStamp() = default;
+  explicit CTimeStamp(std::int64_t ticks) : m_ticks(ticks) {}
+
+  // The wall clock (CLOCK_REALTIME), which an administrator may set back.
+  static CTimeStamp Now();
+
+  std::int64_t GetTicks() const { return m_ticks; }
+
+ private:
+  std::int64_t m_ticks = 0;
+};

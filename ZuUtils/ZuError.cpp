@@ -1,0 +1,197 @@
+#include "ZuUtils/ZuError.h"
+
+#include <netdb.h>
+
+#include <boost/container/small_vector.hpp>
+#include <boost/smart_ptr/make_shared.hpp>
+#include <cstdarg>
+#include <cstring>
+#include <utility>
+
+#include "ZuUtils/FXString.h"
+
+namespace {
+
+// Where a number comes from, in the upper half of the code. The transfer facility belongs to the
+// network library, which ORs it in itself; it is here for its name alone.
+constexpr std::uint32_t kFacilityWin32 = 0x80070000;
+constexpr std::uint32_t kFacilityErrNo = 0xE0010000;
+constexpr std::uint32_t kFacilityInt = 0xE0020000;
+constexpr std::uint32_t kFacilityKDResult = 0xE0030000;
+constexpr std::uint32_t kFacilityTransfer = 0xEDD00000;
+constexpr std::uint32_t kNumberMask = 0xFFFF;
+
+constexpr struct {
+  std::uint32_t facility;
+  const char* kind;
+} kKinds[] = {
+    {kFacilityWin32, "system"},    {kFacilityErrNo, "errno"},       {kFacilityInt, "library"},
+    {kFacilityKDResult, "result"}, {kFacilityTransfer, "transfer"},
+};
+
+int MakeCode(std::uint32_t facility, int number) {
+  return static_cast<int>(facility | (static_cast<std::uint32_t>(number) & kNumberMask));
+}
+
+int MakeWin32Code(unsigned code) {
+  const int number = static_cast<int>(code);
+  return number < 0 ? number : MakeCode(kFacilityWin32, number);
+}
+
+class MessageItem : public FXErrorItem {
+ public:
+  MessageItem(const FXCodeLocation& where, std::string message)
+      : FXErrorItem(where), m_message(std::move(message)) {}
+
+  std::string AsString() const override {
+    std::string text = FXErrorItem::AsString();
+    text.append(", ").append(m_message);
+    return text;
+  }
+
+  boost::shared_ptr<FXErrorItem> Copy() const override {
+    return boost::make_shared<MessageItem>(*this);
+  }
+
+ private:
+  std::string m_message;
+};
+
+// A format that cannot be rendered still says more than no message.
+std::string FormatMessage(const char* fmt, va_list args) {
+  std::string message;
+  if (Failed(FXString::FormatArgList(message, fmt, args)) && fmt != nullptr) message.assign(fmt);
+  return message;
+}
+
+CZuError MakeError(int code, const FXCodeLocation& where, std::string message) {
+  return CZuError(code, boost::make_shared<MessageItem>(where, std::move(message)));
+}
+
+std::string SystemText(int err) {
+  if (err < 0) return gai_strerror(err);
+  char buffer[128];
+  return strerror_r(err, buffer, sizeof buffer);
+}
+
+}  // namespace
+
+FXErrorItem::~FXErrorItem() = default;
+
+std::string FXErrorItem::AsString() const {
+  const std::string line = std::to_string(m_location.m_iLine);
+  const std::size_t fileLength = std::strlen(m_location.m_pcszFile);
+  const std::size_t functionLength = std::strlen(m_location.m_pcszFunction);
+  std::string text;
+  text.reserve(fileLength + line.size() + functionLength + 64);  // room for what is added behind
+  text.append(m_location.m_pcszFile, fileLength).append(1, ':').append(line).append(", ");
+  return text.append(m_location.m_pcszFunction, functionLength);
+}
+
+const FXCodeLocation& FXErrorItem::GetLocation() const { return m_location; }
+
+boost::shared_ptr<FXErrorItem> FXErrorItem::Copy() const {
+  return boost::make_shared<FXErrorItem>(*this);
+}
+
+struct CZuError::Private {
+  // Most errors pass a few functions only; these need no allocation of their own.
+  boost::container::small_vector<boost::shared_ptr<FXErrorItem>, 4> items;
+};
+
+CZuError::CZuError(int code, boost::shared_ptr<FXErrorItem> item) : m_hrErrorCode(code) {
+  Push(std::move(item));
+}
+
+CZuError& CZuError::Push(const FXCodeLocation& where) {
+  return Push(boost::make_shared<FXErrorItem>(where));
+}
+
+CZuError& CZuError::Push(const FXCodeLocation& where, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string message = FormatMessage(fmt, args);
+  va_end(args);
+  return Push(boost::make_shared<MessageItem>(where, std::move(message)));
+}
+
+CZuError& CZuError::Push(boost::shared_ptr<FXErrorItem> item) {
+  if (!m_ptrPrivate) {
+    m_ptrPrivate = boost::make_shared<Private>();
+  } else if (m_ptrPrivate.use_count() > 1) {
+    m_ptrPrivate = boost::make_shared<Private>(*m_ptrPrivate);
+  }
+  m_ptrPrivate->items.push_back(std::move(item));
+  return *this;
+}
+
+std::string CZuError::AsString() const {
+  const auto code = static_cast<std::uint32_t>(m_hrErrorCode);
+  std::string text = FXString::Format("0x%08X", code);
+  if (m_hrErrorCode >= 0) text += " (success)";
+  for (const auto& [facility, kind] : kKinds) {
+    if ((code & ~kNumberMask) == facility) {
+      text.append(" (").append(kind).append(1, ' ').append(std::to_string(code & kNumberMask)) +=
+          ')';
+    }
+  }
+  if (m_ptrPrivate) {
+    for (const auto& item : m_ptrPrivate->items) text.append("\n  ").append(item->AsString());
+  }
+  return text;
+}
+
+namespace FXErrorUtil {
+
+CZuError ErrorErrNo(const FXCodeLocation& where, int err) {
+  return MakeError(MakeCode(kFacilityErrNo, err), where, SystemText(err));
+}
+
+CZuError ErrorErrNo(const FXCodeLocation& where, int err, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string message = FormatMessage(fmt, args);
+  va_end(args);
+  message.append(": ").append(SystemText(err));
+  return MakeError(MakeCode(kFacilityErrNo, err), where, std::move(message));
+}
+
+CZuError ErrorWin32(const FXCodeLocation& where, unsigned code) {
+  return CZuError(MakeWin32Code(code), boost::make_shared<FXErrorItem>(where));
+}
+
+CZuError ErrorWin32(const FXCodeLocation& where, unsigned code, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string message = FormatMessage(fmt, args);
+  va_end(args);
+  return MakeError(MakeWin32Code(code), where, std::move(message));
+}
+
+CZuError ErrorInt(const FXCodeLocation& where, int code, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string message = FormatMessage(fmt, args);
+  va_end(args);
+  return MakeError(MakeCode(kFacilityInt, code), where, std::move(message));
+}
+
+CZuError ErrorKDResult(const FXCodeLocation& where, int result, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  std::string message = FormatMessage(fmt, args);
+  va_end(args);
+  return MakeError(MakeCode(kFacilityKDResult, result), where, std::move(message));
+}
+
+bool IsErrNo(const CZuError& error, int err) { return error.Is(MakeCode(kFacilityErrNo, err)); }
+
+bool IsWin32(const CZuError& error, unsigned code) { return error.Is(MakeWin32Code(code)); }
+
+bool IsInt(const CZuError& error, int code) { return error.Is(MakeCode(kFacilityInt, code)); }
+
+bool IsKDResult(const CZuError& error, int result) {
+  return error.Is(MakeCode(kFacilityKDResult, result));
+}
+
+}  // namespace FXErrorUtil
