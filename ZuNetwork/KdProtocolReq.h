@@ -1,0 +1,326 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <initializer_list>
+#include <list>
+#include <map>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "ZuNetwork/CurlWrapper.h"
+#include "ZuNetwork/KdCurlContext.h"
+#include "ZuUtils/ZuError.h"
+
+namespace KdCURL {
+
+// The kind of the request being run.
+enum operationType : int {
+  OP_NONE = 0,
+  OP_UPLOAD_FILE = 1,
+  OP_DOWNLOAD_FILE = 2,
+  OP_GET_FILE_DIR_LIST = 3,
+  OP_GET_FILE_INFO = 4,
+  OP_CHECK_FILE_DIR_EXIST = 5,
+  OP_POST_SIMPLE = 6,
+  OP_GET_INFO = 7,
+  OP_POST_BUFFER_WITH_SIZE = 8,
+  OP_CUSTOM_OPERATION = 9,
+};
+
+// What getInfo() can tell.
+enum CurlInfoType : int {
+  CURL_PRIMARY_IP = 0,     // the numeric address of the server that answered
+  CURL_EFFECTIVE_URL = 1,  // the URL that answered, after redirects
+};
+
+// A request header (HTTP) or command (FTP) that goes with one operation.
+struct commandInfo {
+  std::string field;
+  std::string value;
+};
+
+// One entry of a directory listing.
+struct FileDirInfo {
+  std::string name;
+  bool isFile = false;
+  double fileSize = 0.0;  // bytes; 0 where the listing tells no size
+};
+
+// libcurl's own callbacks; see CURLOPT_WRITEFUNCTION, CURLOPT_READFUNCTION, CURLOPT_DEBUGFUNCTION.
+using WRITE_FUN_POINTER = curl_write_callback;
+using READ_FUN_POINTER = curl_read_callback;
+// Only the low 32 bits of `infoType` are set: they are libcurl's curl_infotype.
+using TRACE_FUN_POINTER = int (*)(void* handle, void* infoType, char* data, unsigned long size,
+                                  void* instancePtr);
+
+// A connection to one server and the requests on it; the base of the protocols' classes.
+//
+// Use: construct, initialize(), setURL() and whatever else is to be configured, then one operation
+// after the other. Every setter and operation before a successful initialize() fails with ErrorInt
+// 1 and "KdProtocol class is not initialized yet. ...". After each operation, whether it succeeded
+// or not, the three callbacks and the request headers are cleared; server, credentials, proxy, TLS
+// settings and time limits stay.
+//
+// How an operation fails:
+//   ErrorInt 1                 bad argument (the text says which), object not initialised
+//   ErrorInt 101               no server set, operation unknown to the protocol
+//   ErrorKdCURL(c, ...), c > 0 libcurl could not complete the transfer; c is its CURLcode
+//   ErrorKdCURL(0, ...)        the server answered and refused; see getLastServerResponseCode()
+//
+// Without a time limit of the caller a request may wait for ever. libcurl's trace is on: it goes to
+// standard error until setTraceCallBack() takes it. A body without a write callback goes to
+// standard output.
+//
+// An object is used by one thread at a time; objects on distinct threads are independent once
+// initializeCurlLibrary() has run.
+class ZUNETWORK_API KdProtocolReq {
+ public:
+  KdProtocolReq() = default;
+  KdProtocolReq(const KdProtocolReq&) = delete;
+  KdProtocolReq& operator=(const KdProtocolReq&) = delete;
+
+  // How each protocol does its part of a request. These are called by the operations below.
+
+  // Judges the completed transfer by its response code and the operation.
+  virtual CZuError isOperationSuccess(bool& bIsSucess) = 0;
+
+  // Puts headers (HTTP) or commands (FTP) on the handle, in the order of their names.
+  virtual CZuError setHeaders(const std::map<std::string, std::string>& headerMap) = 0;
+
+  virtual ~KdProtocolReq() = default;
+
+  // Appends the entries of a listing that was received into the file `fileName`.
+  virtual CZuError collectFilesAndDir(const std::string& fileName,
+                                      std::vector<FileDirInfo>* vFilDirList,
+                                      std::string sourcePath) = 0;
+
+  // Composes the URL of the request from server, port and path.
+  virtual CZuError getFullWorkingURL(std::string& strURL) = 0;
+
+  // Undoes on the handle what setMethodParameter() set for the operation.
+  virtual CZuError unsetOpTypeParameter() = 0;
+
+  // Sets on the handle what the operation needs.
+  virtual CZuError setMethodParameter() = 0;
+
+  // Sets the protocol's recommended defaults; for callers, no operation calls it.
+  virtual CZuError setDefaults() = 0;
+
+  // Splits server and path of the request, completing the scheme.
+  virtual CZuError splitServerAndURLPath(std::string& serverOut, std::string& urlPathOut) = 0;
+
+  // Whether the path names a file rather than a directory. Replaces the request's path.
+  virtual CZuError IsFile(const std::string& sourcePath, bool& isFile) = 0;
+
+  // Prepares libcurl for requests on several threads; a program calls it once, before the first of
+  // them. A failure shows in the requests; the next call tries again.
+  static void initializeCurlLibrary();
+  static void deinitializeCurlLibrary();  // nothing is left to be done
+
+  // Gets the handle and its defaults: redirects are followed and keep a POST, peer and host are
+  // verified against ./curl-ca-bundle.crt, no time limit is set. Called once. Fails with
+  // ErrorKdCURL(-1, "Failed to get CURL handle") when libcurl cannot be loaded and with "Failed to
+  // set option [%d]" when it refuses a default.
+  CZuError initialize();
+
+  // The configuration. All return the not-initialised error, or ErrorKdCURL with libcurl's code and
+  // "Failed to set option [%d]" (the number of the option) at the first option that is refused.
+
+  // Verifies the server's certificate and name against the bundle of CAs, or not at all.
+  CZuError setSecured(bool isSecured, const std::string& caBundlePath);
+
+  // The TLS versions allowed with server and proxy: a CURL_SSLVERSION_* value, also a maximum.
+  CZuError setMaxSSLVersion(int version);
+
+  // TCP keep-alive probes after `keepIdleSec` seconds, every `keepItnvlSec` seconds. A refusal
+  // carries the code of the last request, not its own.
+  CZuError setKeepAlive(bool keepAlive, long keepIdleSec, long keepItnvlSec);
+
+  // An HTTP proxy. Port and user may be empty; their colon is sent all the same.
+  CZuError setProxyDetails(const std::string& proxyServer, const std::string& proxyUserName,
+                           const std::string& proxyPassword, const std::string& proxyPort);
+
+  // Hosts that are reached without the proxy, separated by commas; "*" for all.
+  CZuError setProxyBypass(const std::string& bypass);
+
+  // No proxy, not even that of the environment.
+  CZuError DisableProxy();
+
+  // How the proxy is told who asks: CURLAUTH_* bits.
+  CZuError setProyAuth(long nAuthType);
+
+  // The longest time for a whole request, and for connecting, in seconds. 0: no limit, and
+  // libcurl's 300 seconds.
+  CZuError SetTimeOut(long secs);
+  CZuError SetConnectionTimeOut(long secs);
+
+  CZuError setCredentials(const std::string& URLUserName, const std::string& URLPassword);
+
+  // Takes libcurl's trace. Null arguments: ErrorInt 1, "Input is invalid".
+  CZuError setTraceCallBack(void* instancePtr, TRACE_FUN_POINTER traceFunPtr);
+
+  // The request's parts: server (with or without scheme), port as text, path, and kind.
+  void setURL(const std::string& url) { m_strURL = url; }
+  void setPortNo(const std::string& portNo) { m_strPortNo = portNo; }
+  void setURLPath(const std::string& urlPath) { m_strURLPath = urlPath; }
+  void setOperationType(operationType opType) { m_OpType = opType; }
+
+  // Who takes the body, who gives it, who takes the headers of the next request. A callback counts
+  // only together with a non-null instance, which is handed to it as its last argument.
+  void setWriteCallBack(void* instancePtr, WRITE_FUN_POINTER writeFunPtr);
+  void setReadCallBack(void* instancePtr, READ_FUN_POINTER readFunPtr);
+  void setHeaderWriteCallBack(void* instancePtr, WRITE_FUN_POINTER headerWriteFunPtr);
+
+  // The operations. `urlPath` is the path on the server or a whole URL below it. The buffers are
+  // the caller's and need to live until the call returns; sizes are in bytes. Of two pairs with the
+  // same field the later one counts.
+
+  // Gets `srcUrl`; its body goes to the write callback.
+  CZuError download(const char* srcUrl, const std::vector<commandInfo>& vCommandInfo);
+
+  // Sends the file `sourceFilePath` of `fileSize` bytes (FTP), or the queued form fields (HTTP).
+  CZuError uploadFile(const char* sourceFilePath, const char* urlPath, size_t fileSize,
+                      const std::vector<commandInfo>& vCommandInfo);
+
+  // POSTs a text.
+  CZuError doPostOperation(const char* urlPath, const char* postString,
+                           const std::vector<commandInfo>& vCommandInfo);
+
+  // POSTs `size` bytes; a null body goes with size 0. The handle stays set to POST and keeps a copy
+  // of the body: a listing that follows goes out as a POST too, a download does not.
+  CZuError doPostOperation(const char* urlPath, const char* postString, long size,
+                           const std::vector<commandInfo>& vCommandInfo);
+
+  // Sends `size` bytes, which must not be null, with the method PUT or DELETE.
+  CZuError doPutOperation(const char* urlPath, const char* putData, long size,
+                          const std::vector<commandInfo>& vCommandInfo);
+  CZuError doDeleteOperation(const char* urlPath, const char* req, long size,
+                             const std::vector<commandInfo>& vCommandInfo);
+
+  // The size that the server tells for the file, in bytes. A server that tells none is
+  // ErrorKdCURL(0, "File size recieved from server is invalid"); failures leave `fileSizeOut`.
+  CZuError getFileInfo(const std::string& sourcePath, double& fileSizeOut);
+
+  // Whether the file, or the directory, exists. What the server refuses for another reason reads as
+  // an absent file or a present directory.
+  CZuError checkIfFileOrDirExists(const std::string& srcPath, bool isFile, bool& isExist);
+
+  // Asks the server and tells about the connection.
+  CZuError getInfo(CurlInfoType infoType, std::string& out);
+
+  // Requests the listing of a directory; it goes to the write callback, to be kept in a file for
+  // collectFilesAndDir().
+  CZuError getFilesAndDirsInfoInFile(const std::string& srcPath);
+
+  // True when the server cannot be reached or refuses the login (or the object is not initialised);
+  // any answer, an error included, gives false.
+  bool checkConnection();
+
+  // Adds headers to the next request; a name that is there gets the new value.
+  void setCommandInfo(const std::vector<commandInfo>& vCommandInfo);
+  void addRequestedHeaders(const std::string& headerName, const std::string& headerValue);
+
+  // The steps of an operation; SendReqest() runs them all.
+  CZuError PrepareForRequest();
+  CZuError Execute();
+  CZuError unSetMethodParameter();
+  CZuError SendReqest();
+  CZuError getResponseCode();
+
+  // What the last request left: libcurl's code and text, the server's response code.
+  void getLastCurlErrorCodeAndErrorMsg(int& errorCode, std::string& errorMsg) const;
+  void getLastServerResponseCode(int& responseCode) const;
+  void resetCurlErrorCodeAndErrorMsg();
+  void resetCurlErrorBuffer();
+
+  // Percent-encodes and decodes a text up to its first zero byte. Work before initialize() too.
+  // ErrorKdCURL(2, ...) when libcurl is missing or short of memory; `outString` is then unchanged.
+  CZuError URLEncode(const std::string& strInput, std::string& outString);
+  CZuError URLDecode(const std::string& strInput, std::string& outString);
+
+  // A libcurl write callback that swallows what it gets.
+  static size_t getContentSize(void* ptr, size_t size, size_t nmemb, void* data);
+
+ protected:
+  struct Option {
+    CURLoption option;
+    std::variant<int, long, const char*, void*> value;
+  };
+
+  static constexpr char kNotInitialized[] =
+      "KdProtocol class is not initialized yet. Call initialize function before any other "
+      "function.";
+  static constexpr char kNotInitializedPlural[] =
+      "KdProtocol class is not initialized yet. Call initialize function before any other "
+      "functions.";
+
+  CZuError setDefaultConfiguration();
+
+  // Sets the options in order, keeps libcurl's result and stops at the first refusal.
+  CZuError SetOptions(const FXCodeLocation& where, std::initializer_list<Option> options);
+
+  // Sets one option whose refusal does not matter.
+  template <typename Value>
+  CURLcode SetOption(CURLoption option, Value value) {
+    return CurlWrapper::gCurlWrapper.Curl_easy_setopt(Handle(), option, value);
+  }
+
+  // Null before initialize() and when libcurl could not be loaded; libcurl refuses it.
+  CURL* Handle() const { return m_curlContext == nullptr ? nullptr : m_curlContext->m_curl; }
+
+  std::string m_strURLUserName;
+  std::string m_strURLPassword;
+  std::string m_strURLPath;
+  std::string m_strURL;
+  std::string m_strSourceFile;
+  std::map<std::string, std::string> m_mHeaders;
+  std::string m_strPortNo;
+  std::string m_strPostString;
+  const char* m_PostBuffer = nullptr;  // the caller's
+  operationType m_OpType = OP_NONE;
+  std::int64_t m_lDataSize = 0;  // bytes of the body or file to send
+  std::string m_operationName;   // method of a custom operation
+  bool m_bIsProxySet = false;
+  WRITE_FUN_POINTER m_WriteFunPtr = nullptr;
+  READ_FUN_POINTER m_ReadFunPtr = nullptr;
+  WRITE_FUN_POINTER m_HeaderWriteFunPtr = nullptr;
+  void* m_KdWriteCallbackInstancePtr = nullptr;
+  void* m_KdReadCallbackInstancePtr = nullptr;
+  void* m_KdHeaderWriteCallbackInstancePtr = nullptr;
+  KdCurlContext* m_curlContext = nullptr;  // the last of m_connections
+  char* m_szErrorBuffer = nullptr;         // likewise; libcurl writes its messages here
+  bool m_bProtocolInitialized = false;
+  int m_curlCode = 0;
+  long m_responseCode = 0;
+
+  static pthread_mutex_t* ssl_mutex;  // kept for derived classes; the base takes no lock
+  static std::atomic<bool> m_gbInit;
+
+ private:
+  static constexpr size_t kErrorBufferSize = CURL_ERROR_SIZE;
+
+  // libcurl writes into the buffer as long as the handle lives.
+  struct Connection {
+    char errorBuffer[kErrorBufferSize] = {};
+    KdCurlContext context;
+  };
+
+  const char* ErrorText() const;
+  CZuError SendOperation(const FXCodeLocation& where);
+  CZuError SendCustomOperation(const FXCodeLocation& where, const char* method, const char* urlPath,
+                               const char* body, long size,
+                               const std::vector<commandInfo>& vCommandInfo);
+  void SetCallBack(CURLoption dataOption, CURLoption functionOption, void* instance,
+                   curl_write_callback function);
+  void SetCallBacks();
+  void UnsetCallBacks();
+
+  std::list<Connection> m_connections;  // one for each initialize()
+  bool m_bWriteDataUnset = false;
+};
+
+}  // namespace KdCURL
