@@ -118,13 +118,15 @@ CZuError KdHTTPReq::setFormValue() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   m_FormComponentHeaders.clear();
   for (const formInfo& field : m_formInfo) {
-    std::string line = "Content-Disposition: form-data; name=\"" + field.copyName + "\"";
+    std::string line =
+        FXString::Format("Content-Disposition: form-data; name=\"%s\"", field.copyName.c_str());
     if (field.fieldName == CURLFORM_FILE) {
       std::string parent;
       std::string name;
       CZuError error = FXPath::SplitParentPath(field.fieldValue, parent, name);
       if (Failed(error)) return error.Push(ZU_HERE);
-      line += ";filename=\"" + name + "\"";
+      line = FXString::Format("Content-Disposition: form-data; name=\"%s\";filename=\"%s\"",
+                              field.copyName.c_str(), name.c_str());
     }
     curl_slist* const header = CurlWrapper::gCurlWrapper.Curl_slist_append(nullptr, line.c_str());
     if (header == nullptr) {
