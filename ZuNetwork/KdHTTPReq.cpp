@@ -7,7 +7,6 @@
 #include "ZuUtils/FXPath.h"
 #include "ZuUtils/FXString.h"
 #include "ZuUtils/ZuFile.h"
-#include "ZuUtils/ZuString.h"
 
 namespace KdCURL {
 
@@ -99,12 +98,7 @@ CZuError KdHTTPReq::setHTTPAuth(long param) {
 CZuError KdHTTPReq::setHeaders(const std::map<std::string, std::string>& headerMap) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  if (headerMap.empty()) return {};
-  for (const auto& [name, value] : headerMap) {
-    const std::string line = name + ":" + value;
-    m_headerList = CurlWrapper::gCurlWrapper.Curl_slist_append(m_headerList, line.c_str());
-  }
-  return SetOptions(ZU_HERE, {{CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList)}});
+  return SetHeaderLines(ZU_HERE, CURLOPT_HTTPHEADER, headerMap, m_headerList);
 }
 
 CZuError KdHTTPReq::addFormValues(const std::string& copyName, int fieldName,
@@ -139,12 +133,6 @@ CZuError KdHTTPReq::setFormValue() {
                                            field.fieldValue.c_str(), CURLFORM_END);
   }
   return {};
-}
-
-std::string KdHTTPReq::AppendForwardSlash(const std::string& path) {
-  CZuString text(path.c_str());
-  text.CheckAndAppendLastCharacter('/');
-  return text.c_str();
 }
 
 CZuError KdHTTPReq::IsFile(const std::string& sourcePath, bool& isFile) {

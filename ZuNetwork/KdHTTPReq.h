@@ -80,8 +80,6 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
                                    const std::string& fieldValue) {
     return {copyName, fieldName, fieldValue};
   }
-  static std::string AppendForwardSlash(const std::string& path);
-
   CZuError SetPostBuffer();
   CZuError SetCustomRequest();
   void FreeForm();

@@ -69,6 +69,12 @@ CZuError KdProtocolReq::setDefaultConfiguration() {
                               {CURLOPT_CAINFO, kDefaultCaBundle}});
 }
 
+std::string KdProtocolReq::AppendForwardSlash(const std::string& path) {
+  CZuString text(path.c_str());
+  text.CheckAndAppendLastCharacter('/');
+  return text.c_str();
+}
+
 CZuError KdProtocolReq::SetOptions(const FXCodeLocation& where,
                                    std::initializer_list<Option> options) {
   for (const Option& option : options) {
@@ -78,6 +84,17 @@ CZuError KdProtocolReq::SetOptions(const FXCodeLocation& where,
       return ErrorKdCURL(where, m_curlCode, kOptionRefused, option.option);
   }
   return {};
+}
+
+CZuError KdProtocolReq::SetHeaderLines(const FXCodeLocation& where, CURLoption option,
+                                       const std::map<std::string, std::string>& headerMap,
+                                       curl_slist*& list) {
+  if (headerMap.empty()) return {};
+  for (const auto& [name, value] : headerMap) {
+    const std::string line = name + ":" + value;
+    list = CurlWrapper::gCurlWrapper.Curl_slist_append(list, line.c_str());
+  }
+  return SetOptions(where, {{option, static_cast<void*>(list)}});
 }
 
 CZuError KdProtocolReq::setSecured(bool isSecured, const std::string& caBundlePath) {
@@ -323,10 +340,8 @@ CZuError KdProtocolReq::checkIfFileOrDirExists(const std::string& srcPath, bool 
                                                bool& isExist) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  CZuString path(srcPath.c_str());
-  if (!isFile) path.CheckAndAppendLastCharacter('/');
   double size = 0.0;
-  const CZuError error = getFileInfo(path.c_str(), size);
+  const CZuError error = getFileInfo(isFile ? srcPath : AppendForwardSlash(srcPath), size);
   if (isFile) {
     if (m_curlCode != CURLE_OK) {
       return ErrorInt(ZU_HERE, kErrorBadInput,
@@ -373,10 +388,8 @@ CZuError KdProtocolReq::getInfo(CurlInfoType infoType, std::string& out) {
 CZuError KdProtocolReq::getFilesAndDirsInfoInFile(const std::string& srcPath) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  CZuString path(srcPath.c_str());
-  if (path.IsEmpty()) return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
-  path.CheckAndAppendLastCharacter('/');
-  m_strURLPath = path.c_str();
+  if (srcPath.empty()) return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
+  m_strURLPath = AppendForwardSlash(srcPath);
   m_OpType = OP_GET_FILE_DIR_LIST;
   return SendOperation(ZU_HERE);
 }

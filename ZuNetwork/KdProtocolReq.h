@@ -260,8 +260,16 @@ class ZUNETWORK_API KdProtocolReq {
 
   CZuError setDefaultConfiguration();
 
+  // The path up to its first zero byte, ending in a slash.
+  static std::string AppendForwardSlash(const std::string& path);
+
   // Sets the options in order, keeps libcurl's result and stops at the first refusal.
   CZuError SetOptions(const FXCodeLocation& where, std::initializer_list<Option> options);
+
+  // Appends a line "name:value" for each entry to `list`, in the order of the names, and gives the
+  // list to the handle; an empty map changes nothing.
+  CZuError SetHeaderLines(const FXCodeLocation& where, CURLoption option,
+                          const std::map<std::string, std::string>& headerMap, curl_slist*& list);
 
   // Sets one option whose refusal does not matter.
   template <typename Value>

@@ -1,4 +1,5 @@
 #include <strings.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -6,9 +7,9 @@
 #include <string_view>
 
 #include "Commands.h"
-#include "OutputFile.h"
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "ZuNetwork/KdHTTPReq.h"
+#include "ZuNetwork/KdTransferIO.h"
 #include "ZuUtils/ZuFile.h"
 
 namespace {
@@ -85,7 +86,7 @@ int Trace(void* /*handle*/, void* infoType, char* data, unsigned long size, void
 
 // Passes a body on to the output, but for the pages that come with an error.
 struct Response {
-  OutputFile output;
+  KdCURL::FileSink sink;
   bool isError = false;
 
   static size_t TakeHeader(char* data, size_t size, size_t count, void* instance) {
@@ -101,8 +102,8 @@ struct Response {
 
   static size_t TakeBody(char* data, size_t size, size_t count, void* instance) {
     auto* const response = static_cast<Response*>(instance);
-    const bool taken = response->isError || response->output.Write(data, size * count);
-    return taken ? size * count : 0;
+    if (response->isError) return size * count;
+    return KdCURL::FileSink::Write(data, size, count, &response->sink);
   }
 };
 
@@ -187,18 +188,22 @@ class HttpCommand {
   }
 
   void Start() {
-    ExitOnFailure(m_response.output.Open(m_arguments.output));
+    if (m_arguments.output.empty()) {
+      m_response.sink.Use(STDOUT_FILENO);
+    } else {
+      ExitOnFailure(m_response.sink.Open(m_arguments.output));
+    }
     m_request.setWriteCallBack(&m_response, Response::TakeBody);
     m_request.setHeaderWriteCallBack(&m_response, Response::TakeHeader);
   }
 
   void Finish(CZuError error) {
     if (KdCURL::IsKdCURL(error, CURLE_WRITE_ERROR)) {
-      const CZuError reason = m_response.output.Commit();
+      const CZuError reason = m_response.sink.Commit();
       if (Failed(reason)) error = reason;
     }
     ExitOnFailure(error);
-    ExitOnFailure(m_response.output.Commit());
+    ExitOnFailure(m_response.sink.Commit());
   }
 
   void ReadBody() {
