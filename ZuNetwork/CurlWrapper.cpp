@@ -233,6 +233,12 @@ CURLcode CurlWrapper::Curl_easy_setopt(void* handle, CURLoption option,
   return setopt ? setopt(handle, option, value) : CURLE_FAILED_INIT;
 }
 
+bool CurlWrapper::IsStringOption(CURLoption option) {
+  const auto optionById = FIND(curl_easy_option_by_id);
+  const curl_easyoption* const known = optionById ? optionById(option) : nullptr;
+  return known != nullptr && known->type == CURLOT_STRING;
+}
+
 CURLFORMcode CurlWrapper::Curl_formadd(curl_httppost** first, curl_httppost** last,
                                        CURLformoption option1, const char* value1,
                                        CURLformoption option2, const char* value2,

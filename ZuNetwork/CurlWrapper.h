@@ -71,6 +71,9 @@ class ZUNETWORK_API CurlWrapper {
   CURLcode Curl_easy_setopt(void* handle, CURLoption option,
                             int (*value)(CURL*, curl_infotype, char*, size_t, void*));
 
+  // Whether the option takes a zero-terminated string. A libcurl before 7.73 cannot tell: no.
+  bool IsStringOption(CURLoption option);
+
   // Each appends one form field; `end` is CURLFORM_END.
   CURLFORMcode Curl_formadd(curl_httppost** first, curl_httppost** last, CURLformoption option1,
                             const char* value1, CURLformoption option2, const char* value2,

@@ -12,14 +12,19 @@ namespace {
 
 using FXErrorUtil::ErrorInt;
 
-void CollectLines(std::string_view content, std::vector<FileDirInfo>& entries) {
-  constexpr std::string_view kLineEnd = "\r\n";
-  for (size_t end = content.find(kLineEnd); end != std::string_view::npos;
-       end = content.find(kLineEnd)) {
+void CollectLines(std::string_view content, bool isLenient, std::vector<FileDirInfo>& entries) {
+  const std::string_view lineEnd = isLenient ? "\n" : "\r\n";
+  for (size_t end = content.find(lineEnd); end != std::string_view::npos;
+       end = content.find(lineEnd)) {
+    std::string_view name = content.substr(0, end);
+    content.remove_prefix(end + lineEnd.size());
+    if (isLenient) {
+      if (!name.empty() && name.back() == '\r') name.remove_suffix(1);
+      if (name.empty() || name == "." || name == "..") continue;
+    }
     FileDirInfo entry;
-    entry.name = content.substr(0, end);
+    entry.name = name;
     entries.push_back(std::move(entry));
-    content.remove_prefix(end + kLineEnd.size());
   }
 }
 
@@ -35,34 +40,25 @@ CZuError KdFTPReq::setDefaults() {
 }
 
 CZuError KdFTPReq::setFTPAuth(int param) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  return SetOptions(ZU_HERE, {{CURLOPT_SSH_AUTH_TYPES, param}});
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_SSH_AUTH_TYPES, param}});
 }
 
 CZuError KdFTPReq::SetFTPResponseTimeOut(long secs) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  return SetOptions(ZU_HERE, {{CURLOPT_FTP_RESPONSE_TIMEOUT, secs}});
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_FTP_RESPONSE_TIMEOUT, secs}});
 }
 
 CZuError KdFTPReq::setSSL() {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  return SetOptions(ZU_HERE, {{CURLOPT_USE_SSL, int{CURLUSESSL_CONTROL}}});
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_USE_SSL, int{CURLUSESSL_CONTROL}}});
 }
 
 CZuError KdFTPReq::setActiveMode(const std::string& host, const std::string& port) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   const std::string address = host.empty() && port.empty() ? "-" : host + ":" + port;
-  return SetOptions(ZU_HERE, {{CURLOPT_FTPPORT, address.c_str()}});
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_FTPPORT, address.c_str()}});
 }
 
 CZuError KdFTPReq::disableActiveMode() {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  return SetOptions(ZU_HERE, {{CURLOPT_FTPPORT, static_cast<const char*>(nullptr)}});
+  return Configure(ZU_HERE, kNotInitialized,
+                   {{CURLOPT_FTPPORT, static_cast<const char*>(nullptr)}});
 }
 
 CZuError KdFTPReq::setHeaders(const std::map<std::string, std::string>& headerMap) {
@@ -228,7 +224,7 @@ CZuError KdFTPReq::collectFilesAndDir(const std::string& fileName,
     return error.Push(ZU_HERE, "Failed to close the response file [%s]", fileName.c_str());
   }
   if (buffer == nullptr) return ErrorInt(ZU_HERE, kErrorBadInput, "NULL buffer from ReadWholeFile");
-  CollectLines(buffer, *vFilDirList);
+  CollectLines(buffer, m_bLenientListing, *vFilDirList);
   return {};
 }
 

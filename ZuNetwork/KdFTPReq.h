@@ -28,7 +28,8 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
 
   // Reads a listing of names, one a line, lines ending in CR LF; a last line without it is ignored.
   // Every entry is reported as a directory (`isFile` false), since names tell no more; IsFile()
-  // does. `sourcePath` is not used.
+  // does. `sourcePath` is not used. A lenient listing takes lines that end in LF alone, as libcurl
+  // delivers them, and drops "." and "..".
   //   ErrorInt 1  null list
   //   else        the file cannot be read
   CZuError collectFilesAndDir(const std::string& fileName, std::vector<FileDirInfo>* vFilDirList,
