@@ -61,12 +61,11 @@ class Table {
   // Asks the kernel for all records; `isFull` says of the bytes returned and the bytes offered
   // whether there may be more, for which twice the room is offered.
   CZuError Read(const ControlSocket& control, bool (*isFull)(int length, int size)) {
-    for (int size = kFirstSize;; size *= 2) {
+    for (long size = kFirstSize; size <= std::numeric_limits<int>::max(); size *= 2) {
       m_records.reset(static_cast<char*>(std::malloc(static_cast<std::size_t>(size))));
-      if (!m_records)
-        return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNotEnoughMemory, "Out of memory");
+      if (!m_records) break;
       ifconf list{};
-      list.ifc_len = size;
+      list.ifc_len = static_cast<int>(size);
       list.ifc_buf = m_records.get();
       if (!control.Ask(SIOCGIFCONF, &list)) {
         return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
@@ -74,34 +73,33 @@ class Table {
                                        std::strerror(errno));
       }
       m_count = list.ifc_len / kRecordSize;
-      if (!isFull(list.ifc_len, size)) return {};
+      if (!isFull(list.ifc_len, static_cast<int>(size))) return {};
       m_records.reset();
-      if (size > std::numeric_limits<int>::max() / 2) {
-        return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNotEnoughMemory, "Out of memory");
-      }
     }
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNotEnoughMemory, "Out of memory");
   }
 
   int Count() const { return m_count; }
 
   ifreq Record(int index) const {
     ifreq record;
-    std::memcpy(&record, m_records.get() + index * kRecordSize, sizeof record);
+    std::memcpy(&record, m_records.get() + static_cast<std::size_t>(index) * sizeof record,
+                sizeof record);
     return record;
   }
 
  private:
-  static constexpr int kFirstSize = 1024;
+  static constexpr long kFirstSize = 1024;
 
   std::unique_ptr<char, FreeMemory> m_records;
   int m_count = 0;
 };
 
-bool HoldsNoMoreRecords(int length, int size) { return length / kRecordSize == size / kRecordSize; }
+bool IsFullOfRecords(int length, int size) { return length / kRecordSize == size / kRecordSize; }
 
 // Never so with whole records, so that those behind the first 25 are not seen: MAC lists have
 // always ended there.
-bool HoldsNoMoreBytes(int length, int size) { return length == size; }
+bool IsFullToTheByte(int length, int size) { return length == size; }
 
 ifreq RequestFor(const ifreq& record) {
   ifreq request{};
@@ -133,7 +131,7 @@ CZuError AppendV4Pairs(std::vector<AddressPair>& list) {
   ControlSocket control;
   Table table;
   CZuError error = control.Open();
-  if (!Failed(error)) error = table.Read(control, HoldsNoMoreRecords);
+  if (!Failed(error)) error = table.Read(control, IsFullOfRecords);
   if (Failed(error)) return error.Push(ZU_HERE);
   for (int i = 0; i < table.Count(); ++i) {
     const ifreq record = table.Record(i);
@@ -230,7 +228,7 @@ CZuError CZuIPAddr::GetMACList(std::vector<std::string>& list, IP_FAMILY /*famil
   ControlSocket control;
   Table table;
   CZuError error = control.Open();
-  if (!Failed(error)) error = table.Read(control, HoldsNoMoreBytes);
+  if (!Failed(error)) error = table.Read(control, IsFullToTheByte);
   if (Failed(error)) return error.Push(ZU_HERE);
   std::string text;
   for (int i = 0; i < table.Count(); ++i) {

@@ -79,7 +79,7 @@ void CZuSocket::AttachConnectedSocket(int descriptor) {
   m_IPAddr.Clear();
 }
 
-void CZuSocket::AttachConnectedSocket(int descriptor, CZuIPAddr addr) {
+void CZuSocket::AttachConnectedSocket(int descriptor, const CZuIPAddr& addr) {
   m_Socket.m_socket = descriptor;
   m_IPAddr = addr;
 }

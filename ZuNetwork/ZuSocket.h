@@ -45,7 +45,7 @@ class ZUNETWORK_API CZuSocket {
 
   // Takes over a descriptor, with a cleared address or this one.
   void AttachConnectedSocket(int descriptor);
-  void AttachConnectedSocket(int descriptor, CZuIPAddr addr);
+  void AttachConnectedSocket(int descriptor, const CZuIPAddr& addr);
 
   KDSOCKET GetDescriptor() const { return m_Socket.m_socket; }  // -1: none
   const CZuIPAddr& GetAddress() const { return m_IPAddr; }

@@ -68,6 +68,34 @@ TEST(ZuSocket, AcceptTimesOutAndThenAccepts) {
   for (CZuSocket* socket : {&listener, &accepted, &client}) socket->Close();
 }
 
+TEST(ZuSocket, DatagramsGoToTheAddressAndBringTheSender) {
+  CZuIPAddr address;
+  ASSERT_OK(address.SetAddressString("127.0.0.1"));
+  CZuSocket receiver(address);
+  ASSERT_OK(receiver.DgramSocket(address));
+  ASSERT_OK(receiver.Bind(address));
+  ASSERT_OK(receiver.GetLocalAddress(address));
+  CZuSocket sender(address);
+  ASSERT_OK(sender.DgramSocket(address));
+  char buffer[16]{};
+  int count = -1;
+  int timedOut = -1;
+  ASSERT_OK(sender.SendtoICMPSocket("ping", 4, 1, &timedOut, 0, &count));
+  EXPECT_EQ(count, 4);
+  ASSERT_OK(sender.SendtoICMPSocket("ping", 4, 0, nullptr, 0, nullptr));
+  ASSERT_OK(receiver.RecvfromICMPSocket(buffer, sizeof buffer, 1, &timedOut, 0, &count));
+  EXPECT_STREQ(buffer, "ping");
+  EXPECT_EQ(count, 4);
+  ASSERT_OK(sender.GetLocalAddress(address));
+  EXPECT_EQ(receiver.GetAddress().GetPortNumber(), address.GetPortNumber());
+  ASSERT_OK(receiver.RecvfromICMPSocket(buffer, sizeof buffer, 0, nullptr, 0, &count));
+  EXPECT_FAILS(receiver.RecvfromICMPSocket(buffer, sizeof buffer, 1, &timedOut, 0, &count),
+               Win32Code(774), "Socket receive timed out");
+  EXPECT_EQ(timedOut, 1);
+  sender.Close();
+  receiver.Close();
+}
+
 TEST(ZuSocket, EmptyObjectSaysSo) {
   CZuSocket empty;
   EXPECT_FALSE(empty == empty);
