@@ -73,8 +73,9 @@ ZUNETWORK_API int ZUNET_listen(KDSOCKET Sock, int backlog);
 /* An interrupted connect is repeated until it is decided. */
 ZUNETWORK_API int ZUNET_connect(KDSOCKET Sock, ZUNET_SockAddr* SockAddr);
 
-/* Waits for a connection, whatever interrupts it. `*Accepted` is the new descriptor, or -1 when the
- * call failed; `*SockAddr` is the peer's address, of which a failure may leave the listener's. */
+/* Waits for a connection, whatever interrupts it. `*Accepted` is the new descriptor, or -1 when
+ * accept(2) failed; it is unwritten when the listener has no address. `*SockAddr` is the peer's
+ * address, of which a failure may leave the listener's. */
 ZUNETWORK_API int ZUNET_accept(KDSOCKET Listening, KDSOCKET* Accepted, ZUNET_SockAddr* SockAddr);
 
 /* Calls the close hook, then closes. What close(2) reports is dropped: the descriptor is gone. */
