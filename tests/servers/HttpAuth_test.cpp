@@ -12,7 +12,8 @@ namespace {
 class HttpBasicAuth : public testing::Test {
  protected:
   HttpBasicAuth() {
-    WriteFile(m_server.Folder() / "passwords", "bob:{PLAIN}s3cret\nann:{SHA}MWnR3DIy7dX5bw7q+0rLji8CSC8=\n");
+    WriteFile(m_server.Folder() / "passwords",
+              "bob:{PLAIN}s3cret\nann:{SHA}MWnR3DIy7dX5bw7q+0rLji8CSC8=\n");
     WriteFile(m_server.Folder() / "www/file", "private");
   }
 

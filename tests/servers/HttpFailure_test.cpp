@@ -135,10 +135,7 @@ TEST(HttpFailure, TimeOutEndsAnEndlessBody) {
   RawServer server({[](Peer& peer) {
     peer.ReadHttpRequest();
     peer.Send("HTTP/1.1 200 OK\r\nContent-Length: 9223372036854775807\r\n\r\n");
-    for (int i = 0; i < 100; ++i) {
-      peer.Send("x");
-      std::this_thread::sleep_for(50ms);
-    }
+    for (int i = 0; i < 100 && peer.Send("x"); ++i) std::this_thread::sleep_for(50ms);
   }});
   TestRequest request(server.Port());
   ASSERT_OK(request.SetTimeOut(1));

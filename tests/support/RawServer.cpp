@@ -64,13 +64,15 @@ std::string Peer::Read(size_t size) {
 
 void Peer::ReadHttpRequest() { Read(ContentLength(ReadUntil("\r\n\r\n"))); }
 
-void Peer::Send(const std::string& bytes) {
-  for (size_t sent = 0; sent < bytes.size() && Wait(POLLOUT);) {
+bool Peer::Send(const std::string& bytes) {
+  size_t sent = 0;
+  while (sent < bytes.size() && Wait(POLLOUT)) {
     const ssize_t size =
         send(m_socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (size > 0) sent += static_cast<size_t>(size);
-    if (size < 0 && errno != EAGAIN) return;
+    if (size < 0 && errno != EAGAIN) break;
   }
+  return sent == bytes.size();
 }
 
 void Peer::WaitForClose() {

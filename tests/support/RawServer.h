@@ -15,10 +15,10 @@ class Peer {
 
   std::string ReadUntil(const std::string& end);  // `end` is included
   std::string Read(size_t size);
-  void ReadHttpRequest();  // the header, and a body as long as its Content-Length says
-  void Send(const std::string& bytes);
-  void WaitForClose();  // says nothing until the client closes
-  void Reset();         // the connection will end with a reset rather than in order
+  void ReadHttpRequest();               // the header, and a body as long as its Content-Length says
+  bool Send(const std::string& bytes);  // false when not all of it went out
+  void WaitForClose();                  // says nothing until the client closes
+  void Reset();                         // the connection will end with a reset rather than in order
 
   const std::string& Received() const { return m_received; }  // all of it
 
