@@ -177,7 +177,7 @@ TEST(HttpFailure, MalformedRepliesAreErrors) {
       "HTTP/1.1 200 OK\r\nContent-Length: many\r\n\r\n",
       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nhalf\r\n",
       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nfffffffffffffffff\r\nhalf\r\n",
-      std::string("HTTP/1.1 200 OK\r\nX-A: a\0b\r\nContent-Length: 0\r\n\r\n", 49),
+      std::string("HTTP/1.1 200 OK\r\nX-A: a\0b\r\nContent-Length: 0\r\n\r\n", 48),
       "HTTP/1.1 200 OK\r\nX-A: " + std::string(1 << 20, 'x') + "\r\nContent-Length: 0\r\n\r\n",
       "HTTP/1.1 302 Moved\r\nLocation: gopher://127.0.0.1/\r\nContent-Length: 0\r\n\r\n",
       "HTTP/1.1 302 Moved\r\nLocation: file:///etc/hostname\r\nContent-Length: 0\r\n\r\n",

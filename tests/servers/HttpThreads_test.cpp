@@ -36,6 +36,7 @@ void RunRequests(TestRequest& request, int rounds, const std::string& name) {
 void RunOnThreads(const std::function<void(const std::string& name)>& work) {
   KdCURL::KdProtocolReq::initializeCurlLibrary();
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back(work, "thread" + std::to_string(i));
   }

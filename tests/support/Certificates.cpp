@@ -24,6 +24,11 @@ unique_subject = no
 commonName = supplied
 )";
 
+// The configuration's paths are relative.
+constexpr char kSign[] = R"(cd "$1" && openssl ca -batch -notext -config openssl.cnf \
+  -cert authority.pem -keyfile authority.key -in "$2" -out "$3" -extfile "$4" \
+  -startdate "$5" -enddate "$6")";
+
 }  // namespace
 
 Certificates::Certificates() {
@@ -38,43 +43,28 @@ Certificates::Certificates() {
   MakeLeaf("expired", kLoopback, kStart, "20210101000000Z");
 }
 
+void Certificates::MakeKeyAnd(const std::string& name, const std::vector<std::string>& what) const {
+  std::vector<std::string> command = {
+      "openssl",         "req",     "-config",       m_folder / "openssl.cnf",
+      "-newkey",         "ec",      "-pkeyopt",      "ec_paramgen_curve:P-256",
+      "-nodes",          "-keyout", Named(name).key, "-subj",
+      "/CN=Test " + name};
+  command.insert(command.end(), what.begin(), what.end());
+  Run(command);
+}
+
 void Certificates::MakeAuthority(const std::string& name) const {
-  const Certificate made = Named(name);
-  Run({"openssl",
-       "req",
-       "-x509",
-       "-config",
-       m_folder / "openssl.cnf",
-       "-extensions",
-       "authority",
-       "-newkey",
-       "ec",
-       "-pkeyopt",
-       "ec_paramgen_curve:P-256",
-       "-nodes",
-       "-keyout",
-       made.key,
-       "-out",
-       made.certificate,
-       "-subj",
-       "/CN=Test " + name,
-       "-days",
-       "3650"});
+  MakeKeyAnd(name, {"-x509", "-extensions", "authority", "-days", "3650", "-out",
+                    Named(name).certificate});
 }
 
 void Certificates::MakeLeaf(const std::string& name, const std::string& hosts,
                             const std::string& start, const std::string& end) const {
-  const Certificate made = Named(name);
-  const Certificate authority = Named("authority");
   const std::string request = m_folder / (name + ".csr");
   const std::string extensions = m_folder / (name + ".ext");
   WriteFile(extensions, "basicConstraints = CA:FALSE\nsubjectAltName = " + hosts + "\n");
   WriteFile(m_folder / "index.txt", "");
-  Run({"openssl", "req", "-new", "-config", m_folder / "openssl.cnf", "-newkey", "ec", "-pkeyopt",
-       "ec_paramgen_curve:P-256", "-nodes", "-keyout", made.key, "-out", request, "-subj",
-       "/CN=" + name});
-  Run({"sh", "-c",
-       "cd \"$1\" && openssl ca -batch -notext -config openssl.cnf -cert authority.pem -keyfile "
-       "authority.key -in \"$2\" -out \"$3\" -extfile \"$4\" -startdate \"$5\" -enddate \"$6\"",
-       "sh", m_folder.Path(), request, made.certificate, extensions, start, end});
+  MakeKeyAnd(name, {"-new", "-out", request});
+  Run({"sh", "-c", kSign, "sh", m_folder.Path(), request, Named(name).certificate, extensions,
+       start, end});
 }

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "support/TempDir.h"
 
@@ -27,6 +28,7 @@ class Certificates {
   Certificate Named(const std::string& name) const {
     return {m_folder / (name + ".pem"), m_folder / (name + ".key")};
   }
+  void MakeKeyAnd(const std::string& name, const std::vector<std::string>& what) const;
   void MakeAuthority(const std::string& name) const;
   void MakeLeaf(const std::string& name, const std::string& hosts, const std::string& start,
                 const std::string& end) const;

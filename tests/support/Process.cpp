@@ -30,7 +30,7 @@ std::string FindProgram(const std::string& name) {
   const char* const path = getenv("PATH");
   std::string folders = (path == nullptr ? std::string() : path) + ":/usr/sbin:/usr/local/sbin:";
   for (size_t end; (end = folders.find(':')) != std::string::npos; folders.erase(0, end + 1)) {
-    const std::string program = folders.substr(0, end) + "/" + name;
+    std::string program = folders.substr(0, end) + "/" + name;
     if (end != 0 && access(program.c_str(), X_OK) == 0) return program;
   }
   throw std::runtime_error(name + " is not installed");
@@ -103,6 +103,7 @@ Process::Process(const std::vector<std::string>& command, std::filesystem::path 
   std::vector<std::string> words = command;
   words.at(0) = FindProgram(command.at(0));
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
 

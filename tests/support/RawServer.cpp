@@ -57,7 +57,7 @@ std::string Peer::ReadUntil(const std::string& end) {
 std::string Peer::Read(size_t size) {
   while (m_received.size() - m_used < size && Receive()) {
   }
-  const std::string bytes = m_received.substr(m_used, size);
+  std::string bytes = m_received.substr(m_used, size);
   m_used += bytes.size();
   return bytes;
 }

@@ -7,8 +7,8 @@
 #include "support/Process.h"
 #include "support/TempDir.h"
 
-// A server program on a free port of 127.0.0.1 with a folder of its own, which is its current one
-// where it has such a notion. Constructors return once it answers and throw when it does not.
+// A server program on a free port of 127.0.0.1, with a folder for its configuration and files.
+// Constructors return once it answers and throw when it does not.
 class Server {
  public:
   int Port() const { return m_port; }
