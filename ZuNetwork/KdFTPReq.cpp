@@ -67,6 +67,12 @@ CZuError KdFTPReq::setHeaders(const std::map<std::string, std::string>& headerMa
   return SetHeaderLines(ZU_HERE, CURLOPT_QUOTE, headerMap, m_headerList);
 }
 
+CZuError KdFTPReq::addQuoteCommand(const std::string& command) {
+  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
+  m_headerList = CurlWrapper::gCurlWrapper.Curl_slist_append(m_headerList, command.c_str());
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_QUOTE, static_cast<void*>(m_headerList)}});
+}
+
 CZuError KdFTPReq::isOperationSuccess(bool& bIsSucess) {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   // SFTP has no reply codes.

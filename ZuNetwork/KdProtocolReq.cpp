@@ -126,7 +126,8 @@ CZuError KdProtocolReq::SetHeaderLines(const FXCodeLocation& where, CURLoption o
                                        curl_slist*& list) {
   if (headerMap.empty()) return {};
   for (const auto& [name, value] : headerMap) {
-    const std::string line = name + ":" + value;
+    std::string line = name;
+    line.append(1, ':').append(value);
     list = CurlWrapper::gCurlWrapper.Curl_slist_append(list, line.c_str());
   }
   return SetOptions(where, {{option, static_cast<void*>(list)}});

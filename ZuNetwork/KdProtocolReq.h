@@ -237,12 +237,13 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError uploadFile(const char* sourceFilePath, const char* urlPath, size_t fileSize,
                       const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs a text.
+  // POSTs a text. The handle stays set to POST, with an empty body: a listing that follows goes out
+  // as a POST, a download does not.
   CZuError doPostOperation(const char* urlPath, const char* postString,
                            const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs `size` bytes; a null body goes with size 0. The handle stays set to POST and keeps a copy
-  // of the body: a listing that follows goes out as a POST too, a download does not.
+  // POSTs `size` bytes; a null body goes with size 0. The same, but for the handle keeping a copy
+  // of the body, which goes out with that listing.
   CZuError doPostOperation(const char* urlPath, const char* postString, long size,
                            const std::vector<commandInfo>& vCommandInfo);
 

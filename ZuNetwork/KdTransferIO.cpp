@@ -32,7 +32,7 @@ mode_t PermissionsFor(const std::string& path) {
 
 FileSink::~FileSink() {
   if (m_isOwner) close(m_descriptor);
-  if (!m_temporaryPath.empty()) unlink(m_temporaryPath.c_str());
+  if (!m_temporaryPath.empty() && !m_isKept) unlink(m_temporaryPath.c_str());
 }
 
 CZuError FileSink::Open(const std::string& path) {
@@ -63,6 +63,24 @@ CZuError FileSink::OpenBeside() {
   m_temporaryPath = path;
   if (fchmod(m_descriptor, PermissionsFor(m_path)) == 0) return {};
   return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
+}
+
+CZuError FileSink::OpenForResume(const std::string& path, std::int64_t& offset) {
+  if (m_descriptor != -1) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
+  }
+  const std::string partPath = path + ".part";
+  m_descriptor = open(partPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  struct stat status;
+  if (m_descriptor == -1 || fstat(m_descriptor, &status) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", partPath.c_str());
+  }
+  m_isOwner = true;
+  m_isKept = true;
+  m_path = path;
+  m_temporaryPath = partPath;
+  offset = status.st_size;
+  return {};
 }
 
 void FileSink::Use(int descriptor) {

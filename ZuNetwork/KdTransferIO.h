@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "ZuNetwork/ZuNetworkExport.h"
@@ -34,6 +35,10 @@ class ZUNETWORK_API FileSink {
 
   CZuError Open(const std::string& path);
 
+  // Goes on with what an interrupted download left in the file "`path`.part", which also stays when
+  // this one is interrupted. `offset` is what is there, for KdProtocolReq::setResumeOffset().
+  CZuError OpenForResume(const std::string& path, std::int64_t& offset);
+
   // Writes to a descriptor of the caller's, such as standard output, which stays open.
   void Use(int descriptor);
 
@@ -48,6 +53,7 @@ class ZUNETWORK_API FileSink {
 
   int m_descriptor = -1;
   bool m_isOwner = false;
+  bool m_isKept = false;  // the temporary file, when it is not complete
   int m_writeError = 0;
   std::string m_path;
   std::string m_temporaryPath;  // empty when the target is written directly
