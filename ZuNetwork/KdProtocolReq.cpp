@@ -266,10 +266,6 @@ CZuError KdProtocolReq::setOption(int option, long value) {
   return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
 }
 
-CZuError KdProtocolReq::setOption(int option, long long value) {
-  return setOption(option, long{value});
-}
-
 CZuError KdProtocolReq::setOption(int option, const std::string& value) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);

@@ -201,7 +201,7 @@ class ZUNETWORK_API KdProtocolReq {
   // whatever the operation does with the option. A refusal is reported at either time. A value of a
   // kind that the option does not take is ErrorInt 1, "Option [%d] takes no such value".
   CZuError setOption(int option, long value);
-  CZuError setOption(int option, long long value);
+  CZuError setOption(int option, long long value) { return setOption(option, long{value}); }
   CZuError setOption(int option, const std::string& value);
 
   // Starts the next transfer at this byte of the file: a download of what is missing, an upload
