@@ -393,6 +393,7 @@ TEST(FXErrorItem, RendersItsLocation) {
 }
 
 TEST(FXErrorItem, CopyIsAnotherItemThatSaysTheSame) {
+  static_assert(std::has_virtual_destructor_v<FXErrorItem>);
   const FXErrorItem plain(kInner);
   const boost::shared_ptr<FXErrorItem> plainCopy = plain.Copy();
   EXPECT_NE(plainCopy.get(), &plain);
@@ -408,10 +409,6 @@ TEST(FXErrorItem, CopyIsAnotherItemThatSaysTheSame) {
   }
   EXPECT_EQ(copy->AsString(), "Outer.cpp:33, CZuError Outer(int) [own]");
   EXPECT_EQ(copy->GetLocation().m_iLine, 33);
-}
-
-TEST(FXErrorItem, IsDestroyedThroughItsBase) {
-  static_assert(std::has_virtual_destructor_v<FXErrorItem>);
 }
 
 TEST(ZuError, SuccessAllocatesNothing) {
