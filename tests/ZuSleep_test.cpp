@@ -19,10 +19,14 @@ namespace {
 
 using Seconds = double;
 
+Seconds SecondsOf(const timespec& time) {
+  return static_cast<Seconds>(time.tv_sec) + static_cast<Seconds>(time.tv_nsec) / 1e9;
+}
+
 Seconds MonotonicTime() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<Seconds>(now.tv_sec) + static_cast<Seconds>(now.tv_nsec) / 1e9;
+  return SecondsOf(now);
 }
 
 struct Told {
@@ -56,6 +60,9 @@ class ZuSleep : public testing::Test {
 
 std::atomic<int> gInterruptions{0};
 
+// Where the end of a sleep goes that is to take no time.
+std::atomic<timespec*> gSleepUntil{nullptr};
+
 // Interrupts whatever the process does every few milliseconds.
 class IntervalTimer {
  public:
@@ -85,6 +92,10 @@ extern "C" [[gnu::visibility("default")]] int clock_nanosleep(clockid_t clock, i
                                                               timespec* rest) {
   static const auto next = reinterpret_cast<int (*)(clockid_t, int, const timespec*, timespec*)>(
       dlsym(RTLD_NEXT, "clock_nanosleep"));
+  if (timespec* const until = gSleepUntil) {
+    *until = *time;
+    return clock == CLOCK_MONOTONIC && flags == TIMER_ABSTIME ? 0 : EINVAL;
+  }
   const int result = next(clock, flags, time, rest);
   if (result == EINTR) ++gInterruptions;
   return result;
@@ -100,12 +111,18 @@ TEST_F(ZuSleep, TakesAtLeastTheTimeItIsGiven) {
   }
 }
 
-TEST_F(ZuSleep, WholeAndPartSecondsAddUp) {
-  const Seconds start = MonotonicTime();
-  ZUSLEEP(1100);
-  const Seconds taken = MonotonicTime() - start;
-  EXPECT_GE(taken, 1.1);
-  EXPECT_LT(taken, 3.1);
+TEST_F(ZuSleep, EveryTimeIsSleptToItsEnd) {
+  for (const int milliseconds : {1, 999, 1000, 1001, 1999, 2000, 86'400'000, INT_MAX}) {
+    timespec end = {};
+    gSleepUntil = &end;
+    const Seconds before = MonotonicTime();
+    ZUSLEEP(milliseconds);
+    const Seconds after = MonotonicTime();
+    gSleepUntil = nullptr;
+    EXPECT_GE(SecondsOf(end) - before, milliseconds / 1000.0 - 1e-6) << milliseconds;
+    EXPECT_LE(SecondsOf(end) - after, milliseconds / 1000.0 + 1e-6) << milliseconds;
+    EXPECT_LT(end.tv_nsec, 1'000'000'000) << milliseconds;
+  }
 }
 
 TEST_F(ZuSleep, ResumesAfterSignalsUntilTheTimeIsOver) {
