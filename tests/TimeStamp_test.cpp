@@ -32,8 +32,7 @@ std::int64_t TicksOfWallClock() {
 
 }  // namespace
 
-extern "C" [[gnu::visibility("default")]] int clock_gettime(clockid_t clock,
-                                                            timespec* time) noexcept {
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
   static const auto next =
       reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
   const timespec* const fixed = gWallClock;

@@ -21,7 +21,7 @@
 #include "support/Allocations.h"
 #include "support/Expect.h"
 #include "support/Sanitizers.h"
-#include "support/TempFolder.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -63,15 +63,13 @@ ssize_t RealRead(int descriptor, void* buffer, size_t size) {
 
 extern "C" {
 
-[[gnu::visibility("default")]] ssize_t read(int descriptor, void* buffer, size_t size) {
+ssize_t read(int descriptor, void* buffer, size_t size) {
   return gRead ? gRead(descriptor, buffer, size) : RealRead(descriptor, buffer, size);
 }
 
-[[gnu::visibility("default")]] int close(int descriptor) {
-  return gClose ? gClose(descriptor) : Next<Close>("close")(descriptor);
-}
+int close(int descriptor) { return gClose ? gClose(descriptor) : Next<Close>("close")(descriptor); }
 
-[[gnu::visibility("default")]] int fstat(int descriptor, struct stat* status) noexcept {
+int fstat(int descriptor, struct stat* status) noexcept {
   return gStat ? gStat(descriptor, status) : Next<Stat>("fstat")(descriptor, status);
 }
 }  // extern "C"
@@ -122,7 +120,14 @@ class ZuFile : public testing::Test {
  protected:
   void TearDown() override { EXPECT_EQ(OpenDescriptors(), m_descriptors); }
 
-  TempFolder m_folder;
+  std::string PathOf(const std::string& name) const { return m_folder / name; }
+
+  std::string NewFile(const std::string& name, const std::string& content) const {
+    WriteFile(m_folder / name, content);
+    return PathOf(name);
+  }
+
+  TempDir m_folder;
   std::size_t m_descriptors = OpenDescriptors();
 };
 
@@ -135,7 +140,7 @@ static_assert(!std::is_copy_constructible_v<CZuFile> && !std::is_copy_assignable
 TEST_F(ZuFile, ReadsFilesOfEveryLength) {
   for (const std::size_t length : {1u, 2u, 4094u, 4095u, 4096u, 4097u, 8191u, 8192u, 3000000u}) {
     const std::string content = Content(length);
-    const std::string path = m_folder.Write("file", content);
+    const std::string path = NewFile("file", content);
     Outputs out;
     EXPECT_OK(CZuFile::ReadWholeFile(path.c_str(), &out.content, out.length));
     EXPECT_TRUE(Holds(out, content));
@@ -143,10 +148,10 @@ TEST_F(ZuFile, ReadsFilesOfEveryLength) {
 }
 
 TEST_F(ZuFile, ReadsByRelativePathAndThroughLinks) {
-  const std::string path = m_folder.Write("file", "content");
-  std::filesystem::create_symlink(path, m_folder.PathOf("link"));
+  const std::string path = NewFile("file", "content");
+  std::filesystem::create_symlink(path, PathOf("link"));
   const std::string relative = std::filesystem::relative(path).string();
-  for (const std::string& name : {m_folder.PathOf("link"), relative}) {
+  for (const std::string& name : {PathOf("link"), relative}) {
     Outputs out;
     EXPECT_OK(CZuFile::ReadWholeFile(name.c_str(), &out.content, out.length)) << name;
     EXPECT_TRUE(Holds(out, "content")) << name;
@@ -168,7 +173,7 @@ TEST_F(ZuFile, ReadsFilesOfProcThatTellNoSize) {
 
 TEST_F(ZuFile, ReadsBeyondASizeOfZero) {
   const std::string content = Content(1000000);
-  const std::string path = m_folder.Write("file", content);
+  const std::string path = NewFile("file", content);
   const Fault noSize(gStat, [](int descriptor, struct stat* status) {
     const int result = Next<Stat>("fstat")(descriptor, status);
     status->st_size = 0;
@@ -180,7 +185,7 @@ TEST_F(ZuFile, ReadsBeyondASizeOfZero) {
 }
 
 TEST_F(ZuFile, EmptyFileIsAnErrorOfItsOwn) {
-  const std::string path = m_folder.Write("file", "");
+  const std::string path = NewFile("file", "");
   Outputs out;
   EXPECT_FAILS(CZuFile::ReadWholeFile(path.c_str(), &out.content, out.length),
                Win32Code(kErrorEmpty), ("File [" + path + "] is empty").c_str());
@@ -188,20 +193,20 @@ TEST_F(ZuFile, EmptyFileIsAnErrorOfItsOwn) {
 }
 
 TEST_F(ZuFile, FileThatCannotBeOpenedIsTheSystemsError) {
-  std::filesystem::create_symlink("loop", m_folder.PathOf("loop"));
-  const std::string plain = m_folder.Write("file", "content");
+  std::filesystem::create_symlink("loop", PathOf("loop"));
+  const std::string plain = NewFile("file", "content");
   const struct {
     std::string path;
     int err;
     const char* text;
   } rows[] = {
-      {m_folder.PathOf("missing"), ENOENT, "No such file or directory"},
-      {m_folder.PathOf("missing/file"), ENOENT, "No such file or directory"},
+      {PathOf("missing"), ENOENT, "No such file or directory"},
+      {PathOf("missing/file"), ENOENT, "No such file or directory"},
       {"", ENOENT, "No such file or directory"},
       {plain + "/below", ENOTDIR, "Not a directory"},
-      {m_folder.PathOf("loop"), ELOOP, "Too many levels of symbolic links"},
-      {m_folder.PathOf(std::string(5000, 'n')), ENAMETOOLONG, "File name too long"},
-      {m_folder.PathOf(""), EISDIR, "Is a directory"},
+      {PathOf("loop"), ELOOP, "Too many levels of symbolic links"},
+      {PathOf(std::string(5000, 'n')), ENAMETOOLONG, "File name too long"},
+      {PathOf(""), EISDIR, "Is a directory"},
       {"/proc/self/fd", EISDIR, "Is a directory"},
   };
   for (const auto& row : rows) {
@@ -237,7 +242,8 @@ namespace {
 }  // namespace
 
 TEST_F(ZuFile, UnreadableFileIsPermissionDenied) {
-  const std::string path = m_folder.Write("secret", "content");
+  const std::string path = NewFile("secret", "content");
+  ASSERT_EQ(chmod(PathOf("").c_str(), 0755), 0);
   ASSERT_EQ(chmod(path.c_str(), 0), 0);
   EXPECT_EXIT(ReadAsNobody(path.c_str()), testing::ExitedWithCode(0), "Permission denied");
 }
@@ -255,7 +261,7 @@ TEST_F(ZuFile, NullArgumentsAreInvalid) {
 }
 
 TEST_F(ZuFile, OpenTellsTheSizeUntilItIsClosed) {
-  const std::string path = m_folder.Write("file", "12345");
+  const std::string path = NewFile("file", "12345");
   CZuFile file;
   unsigned long long size = 99;
   EXPECT_FAILS(file.Size(size), Win32Code(kErrorInvalidState), "File not open");
@@ -265,7 +271,7 @@ TEST_F(ZuFile, OpenTellsTheSizeUntilItIsClosed) {
   EXPECT_EQ(OpenDescriptors(), m_descriptors + 1);
   EXPECT_OK(file.Size(size));
   EXPECT_EQ(size, 5u);
-  m_folder.Write("file", "1234567");
+  NewFile("file", "1234567");
   EXPECT_OK(file.Size(size));
   EXPECT_EQ(size, 7u) << "as it is now";
   EXPECT_OK(file.Close());
@@ -276,7 +282,7 @@ TEST_F(ZuFile, OpenTellsTheSizeUntilItIsClosed) {
 }
 
 TEST_F(ZuFile, EmptyFileOpensWithSizeZero) {
-  const std::string path = m_folder.Write("file", "");
+  const std::string path = NewFile("file", "");
   CZuFile file;
   unsigned long long size = 99;
   ASSERT_OK(file.Open(path.c_str(), 0, 0));
@@ -285,8 +291,8 @@ TEST_F(ZuFile, EmptyFileOpensWithSizeZero) {
 }
 
 TEST_F(ZuFile, SecondOpenIsRefusedAndKeepsTheFirst) {
-  const std::string first = m_folder.Write("first", "1");
-  const std::string second = m_folder.Write("second", "22");
+  const std::string first = NewFile("first", "1");
+  const std::string second = NewFile("second", "22");
   CZuFile file;
   unsigned long long size = 99;
   ASSERT_OK(file.Open(first.c_str(), 0, 0));
@@ -301,7 +307,7 @@ TEST_F(ZuFile, SecondOpenIsRefusedAndKeepsTheFirst) {
 }
 
 TEST_F(ZuFile, DestructorClosesTheFile) {
-  const std::string path = m_folder.Write("file", "content");
+  const std::string path = NewFile("file", "content");
   {
     CZuFile file;
     ASSERT_OK(file.Open(path.c_str(), 0, 0));
@@ -311,10 +317,10 @@ TEST_F(ZuFile, DestructorClosesTheFile) {
 }
 
 TEST_F(ZuFile, ReadingWholeFilesLeavesNoDescriptorWhateverHappens) {
-  const std::string path = m_folder.Write("file", "content");
-  const std::string empty = m_folder.Write("empty", "");
-  const std::string folder = m_folder.PathOf("");
-  const std::string missing = m_folder.PathOf("missing");
+  const std::string path = NewFile("file", "content");
+  const std::string empty = NewFile("empty", "");
+  const std::string folder = PathOf("");
+  const std::string missing = PathOf("missing");
   for (int i = 0; i < 50; ++i) {
     for (const std::string& name : {path, empty, folder, missing}) {
       Outputs out;
@@ -327,7 +333,7 @@ TEST_F(ZuFile, ReadingWholeFilesLeavesNoDescriptorWhateverHappens) {
 
 TEST_F(ZuFile, ReadsOnAfterInterruptionsAndShortCounts) {
   const std::string content = Content(20000);
-  const std::string path = m_folder.Write("file", content);
+  const std::string path = NewFile("file", content);
   int calls = 0;
   const Fault interrupted(gRead, [&calls](int descriptor, void* buffer, size_t size) {
     if (++calls % 3 != 0) {
@@ -343,7 +349,7 @@ TEST_F(ZuFile, ReadsOnAfterInterruptionsAndShortCounts) {
 }
 
 TEST_F(ZuFile, ReadErrorIsReportedAndLeavesTheOutputs) {
-  const std::string path = m_folder.Write("file", Content(20000));
+  const std::string path = NewFile("file", Content(20000));
   for (const int goodCalls : {0, 1, 2}) {
     int calls = 0;
     const Fault broken(gRead, [&](int descriptor, void* buffer, size_t size) {
@@ -365,7 +371,7 @@ TEST_F(ZuFile, ReadErrorIsReportedAndLeavesTheOutputs) {
 TEST_F(ZuFile, FileThatShrinksWhileItIsReadEndsWhereItEndsNow) {
   const std::string content = Content(20000);
   for (const std::size_t left : {12345u, 100u, 0u}) {
-    const std::string path = m_folder.Write("file", content);
+    const std::string path = NewFile("file", content);
     int calls = 0;
     const Fault shrinking(gRead, [&](int descriptor, void* buffer, size_t size) {
       if (calls++ == 0) std::filesystem::resize_file(path, left);
@@ -384,7 +390,7 @@ TEST_F(ZuFile, FileThatShrinksWhileItIsReadEndsWhereItEndsNow) {
 }
 
 TEST_F(ZuFile, FileThatGrowsWhileItIsReadIsReadToItsNewEnd) {
-  const std::string path = m_folder.Write("file", "begin");
+  const std::string path = NewFile("file", "begin");
   const std::string more = Content(10000);
   std::string expected = "begin";
   int calls = 0;
@@ -402,7 +408,7 @@ TEST_F(ZuFile, FileThatGrowsWhileItIsReadIsReadToItsNewEnd) {
 }
 
 TEST_F(ZuFile, FileThatOutgrowsTheMemoryIsOutOfMemory) {
-  const std::string path = m_folder.Write("file", "begin");
+  const std::string path = NewFile("file", "begin");
   const Fault endless(gRead, [](int, void* buffer, size_t size) {
     std::memset(buffer, 'x', size);
     return static_cast<ssize_t>(size);
@@ -415,7 +421,7 @@ TEST_F(ZuFile, FileThatOutgrowsTheMemoryIsOutOfMemory) {
 }
 
 TEST_F(ZuFile, FileAboveFourGigabytesHasItsSizeAndMayExceedTheMemory) {
-  const std::string path = m_folder.Write("sparse", "begin");
+  const std::string path = NewFile("sparse", "begin");
   ASSERT_EQ(truncate(path.c_str(), 5 * kGigabyte + 123), 0);
   CZuFile file;
   unsigned long long size = 99;
@@ -446,14 +452,14 @@ namespace {
 
 TEST_F(ZuFile, FileThatExceedsTheAddressSpaceIsOutOfMemory) {
   if (kSanitized) GTEST_SKIP() << "sanitizers need the address space";
-  const std::string path = m_folder.Write("sparse", "begin");
+  const std::string path = NewFile("sparse", "begin");
   ASSERT_EQ(truncate(path.c_str(), 5 * kGigabyte), 0);
   EXPECT_EXIT(ReadWithinHalfAGigabyte(path.c_str()), testing::ExitedWithCode(0),
               "No memory for 5368713216 bytes");
 }
 
 TEST_F(ZuFile, LargestSizesAreOutOfMemoryToo) {
-  const std::string path = m_folder.Write("file", "content");
+  const std::string path = NewFile("file", "content");
   for (const off_t claimed : {off_t{1} << 40, off_t{1} << 62, off_t{0x7FFFFFFFFFFFFFFF}}) {
     const Fault large(gStat, [claimed](int descriptor, struct stat* status) {
       const int result = Next<Stat>("fstat")(descriptor, status);
@@ -473,7 +479,7 @@ TEST_F(ZuFile, LargestSizesAreOutOfMemoryToo) {
 }
 
 TEST_F(ZuFile, SizeThatCannotBeHadIsTheSystemsError) {
-  const std::string path = m_folder.Write("file", "content");
+  const std::string path = NewFile("file", "content");
   CZuFile file;
   ASSERT_OK(file.Open(path.c_str(), 0, 0));
   const Fault broken(gStat, [](int, struct stat*) {
@@ -490,7 +496,7 @@ TEST_F(ZuFile, SizeThatCannotBeHadIsTheSystemsError) {
 }
 
 TEST_F(ZuFile, FailedCloseIsReportedOnceAndGivesTheFileUp) {
-  const std::string path = m_folder.Write("file", "content");
+  const std::string path = NewFile("file", "content");
   CZuFile file;
   ASSERT_OK(file.Open(path.c_str(), 0, 0));
   int calls = 0;
@@ -511,7 +517,7 @@ TEST_F(ZuFile, FailedCloseIsReportedOnceAndGivesTheFileUp) {
 }
 
 TEST_F(ZuFile, WhatWasReadCountsWhenClosingFails) {
-  const std::string path = m_folder.Write("file", "content");
+  const std::string path = NewFile("file", "content");
   const Fault broken(gClose, [](int descriptor) {
     Next<Close>("close")(descriptor);
     errno = EIO;
@@ -523,8 +529,8 @@ TEST_F(ZuFile, WhatWasReadCountsWhenClosingFails) {
 }
 
 TEST_F(ZuFile, WholeFileIsReadWhateverTheObjectHolds) {
-  const std::string first = m_folder.Write("first", "1");
-  const std::string second = m_folder.Write("second", "22");
+  const std::string first = NewFile("first", "1");
+  const std::string second = NewFile("second", "22");
   CZuFile file;
   ASSERT_OK(file.Open(first.c_str(), 0, 0));
   Outputs out;
@@ -537,7 +543,7 @@ TEST_F(ZuFile, WholeFileIsReadWhateverTheObjectHolds) {
 
 TEST_F(ZuFile, FilesAreReadOnSeveralThreads) {
   const std::string content = Content(50000);
-  const std::string path = m_folder.Write("file", content);
+  const std::string path = NewFile("file", content);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {

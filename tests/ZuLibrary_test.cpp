@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "support/Expect.h"
-#include "support/TempFolder.h"
+#include "support/TempDir.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ class ZuLibrary : public testing::Test {
 
 }  // namespace
 
-extern "C" [[gnu::visibility("default")]] int dlclose(void* handle) noexcept {
+extern "C" int dlclose(void* handle) noexcept {
   ++gCloses;
   static const auto next = reinterpret_cast<int (*)(void*)>(dlsym(RTLD_NEXT, "dlclose"));
   if (gFailingCloses == 0) return next(handle);
@@ -85,9 +85,11 @@ TEST_F(ZuLibrary, NameWithoutSlashIsSearchedFor) {
 }
 
 TEST_F(ZuLibrary, FailedLoadCarriesTheLoadersText) {
-  const TempFolder folder;
-  const std::string text = folder.Write("text.so", std::string(4096, 't'));
-  const std::string empty = folder.Write("empty.so", "");
+  const TempDir folder;
+  const std::string text = folder / "text.so";
+  const std::string empty = folder / "empty.so";
+  WriteFile(text, std::string(4096, 't'));
+  WriteFile(empty, "");
   const struct {
     std::string path;
     const char* text;
@@ -95,10 +97,10 @@ TEST_F(ZuLibrary, FailedLoadCarriesTheLoadersText) {
       {"libzufake_missing.so",
        "Failed to load [libzufake_missing.so]: libzufake_missing.so: cannot open shared object "
        "file: No such file or directory"},
-      {folder.PathOf("missing.so"), "cannot open shared object file: No such file or directory"},
+      {folder / "missing.so", "cannot open shared object file: No such file or directory"},
       {text, "invalid ELF header"},
       {empty, "file too short"},
-      {folder.PathOf(""), "cannot read file data: Is a directory"},
+      {folder / "", "cannot read file data: Is a directory"},
   };
   for (const auto& row : rows) {
     CZuLibrary library(true);

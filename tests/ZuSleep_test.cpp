@@ -87,9 +87,7 @@ class IntervalTimer {
 
 }  // namespace
 
-extern "C" [[gnu::visibility("default")]] int clock_nanosleep(clockid_t clock, int flags,
-                                                              const timespec* time,
-                                                              timespec* rest) {
+extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* rest) {
   static const auto next = reinterpret_cast<int (*)(clockid_t, int, const timespec*, timespec*)>(
       dlsym(RTLD_NEXT, "clock_nanosleep"));
   if (timespec* const until = gSleepUntil) {
