@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <shared_mutex>
 
 #include "ZuUtils/ZuError.h"
 
@@ -29,6 +30,9 @@ class ZUUTILS_API CZuLibrary {
   CZuError Free();
 
  private:
+  void* Release();
+
   std::atomic<void*> m_handle{nullptr};
+  mutable std::shared_mutex m_lookups;  // held by GetAddress together with others, by Free alone
   bool m_bFreeOnDestroy;
 };
