@@ -2,8 +2,6 @@
 
 #include <dlfcn.h>
 
-#include <mutex>
-
 namespace {
 
 // dlerror() forgets its text once it is read, and has none for a symbol whose value is null.
@@ -40,7 +38,6 @@ CZuError CZuLibrary::GetAddress(const char* name, void*& address) const {
   if (name == nullptr) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
   }
-  const std::shared_lock lookup(m_lookups);
   void* const handle = m_handle.load(std::memory_order_acquire);
   if (handle == nullptr) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
@@ -53,14 +50,8 @@ CZuError CZuLibrary::GetAddress(const char* name, void*& address) const {
 }
 
 CZuError CZuLibrary::Free() {
-  void* const handle = Release();
+  void* const handle = m_handle.exchange(nullptr);
   if (handle == nullptr || dlclose(handle) == 0) return {};
   return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "Failed to free the library: %s",
                                  LoaderText());
-}
-
-// Waits for the lookups under way: none is left with the handle that is about to be closed.
-void* CZuLibrary::Release() {
-  const std::lock_guard noLookups(m_lookups);
-  return m_handle.exchange(nullptr);
 }

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <atomic>
-#include <shared_mutex>
 
 #include "ZuUtils/ZuError.h"
 
-// A shared library that is loaded at run time. Not copyable. Load, GetAddress and Free may be
-// called from several threads; an address must not be used once the library is freed.
+// A shared library that is loaded at run time. Not copyable. Load and GetAddress may be called from
+// several threads at once, and so may Load and Free. Nothing may look up or use an address while the
+// library is freed: a lookup takes no lock, since it is on the way of every call into the library.
 class ZUUTILS_API CZuLibrary {
  public:
   // `freeOnDestroy`: the destructor frees the library.
@@ -30,9 +30,6 @@ class ZUUTILS_API CZuLibrary {
   CZuError Free();
 
  private:
-  void* Release();
-
   std::atomic<void*> m_handle{nullptr};
-  mutable std::shared_mutex m_lookups;  // held by GetAddress together with others, by Free alone
   bool m_bFreeOnDestroy;
 };
