@@ -43,6 +43,18 @@ class FakeLibrary {
   void (*m_reset)() = nullptr;
 };
 
+// The beginning of the two not-initialised texts; "function." or "functions." follows.
+inline const std::string kNotInitialized =
+    "KdProtocol class is not initialized yet. Call initialize function before any other ";
+
+constexpr int kRefusal = CURLE_UNKNOWN_OPTION;  // what libcurl answers where a test says so
+constexpr int kStale = 99;                      // in m_curlCode before a call
+constexpr size_t kErrorBufferSize = 256;
+
+inline bool IsCleared(const char* buffer) {
+  return std::string(buffer, kErrorBufferSize) == std::string(kErrorBufferSize, '\0');
+}
+
 // A test on the recording library: it begins with an empty record and ends with nothing left alive.
 class FakeCurlTest : public testing::Test {
  protected:

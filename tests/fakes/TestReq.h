@@ -7,18 +7,6 @@
 #include "ZuNetwork/KdProtocolReq.h"
 #include "fakes/FakeCurlTest.h"
 
-// The beginning of the two not-initialised texts; "function." or "functions." follows.
-inline const std::string kNotInitialized =
-    "KdProtocol class is not initialized yet. Call initialize function before any other ";
-
-constexpr int kRefusal = CURLE_UNKNOWN_OPTION;  // what libcurl answers where a test says so
-constexpr int kStale = 99;                      // in m_curlCode before a call
-constexpr size_t kErrorBufferSize = 256;
-
-inline bool IsCleared(const char* buffer) {
-  return std::string(buffer, kErrorBufferSize) == std::string(kErrorBufferSize, '\0');
-}
-
 // A protocol whose hooks stand in the record among libcurl's calls and answer as the test wants.
 class TestReq : public KdCURL::KdProtocolReq {
  public:
