@@ -5,6 +5,7 @@
 #include <boost/smart_ptr/make_shared.hpp>
 #include <climits>
 #include <cstdarg>
+#include <cstdio>
 #include <cwchar>
 
 #include "ZuUtils/FXString.h"
@@ -21,22 +22,32 @@ using testing::Not;
 
 namespace {
 
+using Formatter = CZuError (*)(std::string&, const char*, va_list);
+
 const char* gLeftByFormatter = nullptr;  // what a failing formatter leaves in the text
+Formatter gFormatter = nullptr;          // the library's own, once the tests run
+
+__attribute__((constructor)) void FindFormatter() {
+  gFormatter = reinterpret_cast<Formatter>(
+      dlsym(RTLD_NEXT,
+            "_ZN8FXString13FormatArgListERNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"
+            "PKcP13__va_list_tag"));
+}
 
 }  // namespace
 
-// Stands before the library's own, to fail after a part of the text.
+// Stands before the library's own, to fail after a part of the text. While the libraries start it
+// gets the dynamic loader's messages, which dlsym would free under its hands.
 CZuError FXString::FormatArgList(std::string& text, const char* fmt, va_list args) {
-  using Real = CZuError (*)(std::string&, const char*, va_list);
   if (gLeftByFormatter != nullptr) {
     text = gLeftByFormatter;
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNotEnoughMemory);
   }
-  static const auto real = reinterpret_cast<Real>(
-      dlsym(RTLD_NEXT,
-            "_ZN8FXString13FormatArgListERNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"
-            "PKcP13__va_list_tag"));
-  return real(text, fmt, args);
+  if (gFormatter != nullptr) return gFormatter(text, fmt, args);
+  char buffer[512];
+  std::vsnprintf(buffer, sizeof buffer, fmt, args);
+  text = buffer;
+  return {};
 }
 
 namespace {
