@@ -20,9 +20,13 @@ namespace {
 // the libraries.
 std::vector<std::string>* gLookups = nullptr;
 std::vector<std::string>* gLoads = nullptr;
-std::string* gMarkerFile = nullptr;  // stands for the marker below /tmp, which all tests share
+// Stands for the marker below /tmp, which all processes share. A name that is never there, unless a
+// test has a file of its own.
+constexpr char kNoMarker[] = "/nonexistent/marker";
+const char* gMarkerFile = kNoMarker;
 std::vector<int>* gMarkerModes = nullptr;
 std::atomic<int> gMutexCount{0};
+std::atomic<bool> gSlowMutexes{false};  // the making of a mutex takes its time
 pthread_mutex_t* gMutexes[4096];  // keeps the mutexes that the loader never frees from being lost
 std::atomic<bool> gWatchesArrays{false};
 std::atomic<size_t> gArrayCount{0};
@@ -51,7 +55,7 @@ CZuError CZuLibrary::Load(const char* path, bool global) {
 extern "C" __attribute__((visibility("default"))) int access(const char* path, int mode) noexcept {
   const bool isMarker = std::strcmp(path, "/tmp/KDREMOTEFILE_NO_OPENSSL_CALLBACK") == 0;
   if (isMarker && gMarkerModes != nullptr) gMarkerModes->push_back(mode);
-  if (isMarker && gMarkerFile != nullptr) path = gMarkerFile->c_str();
+  if (isMarker) path = gMarkerFile;
   return Next<int (*)(const char*, int)>("access")(path, mode);
 }
 
@@ -59,6 +63,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_mutex_init(
     pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept {
   const auto count = static_cast<size_t>(gMutexCount++);
   if (count < std::size(gMutexes)) gMutexes[count] = mutex;
+  if (gSlowMutexes) usleep(20000);
   return Next<int (*)(pthread_mutex_t*, const pthread_mutexattr_t*)>("pthread_mutex_init")(
       mutex, attributes);
 }
@@ -506,9 +511,9 @@ TEST_P(CurlWrapperCrypto, CallbacksAreInstalledAtLoadAndResetAtTheEnd) {
   const CryptoCase& row = GetParam();
   const LibraryFolder folder;
   folder.Run([&] {
-    std::string marker = folder.Path() + "/marker";
+    const std::string marker = folder.Path() + "/marker";
     std::vector<int> modes;
-    gMarkerFile = &marker;
+    gMarkerFile = marker.c_str();
     gMarkerModes = &modes;
     if (row.marker) std::ofstream(marker) << "";
     folder.Install(row.variant);
@@ -532,7 +537,7 @@ TEST_P(CurlWrapperCrypto, CallbacksAreInstalledAtLoadAndResetAtTheEnd) {
     }
     EXPECT_THAT(modes, ElementsAre(F_OK));
     EXPECT_EQ(fake->calls, row.reset);
-    gMarkerFile = nullptr;
+    gMarkerFile = kNoMarker;
     gMarkerModes = nullptr;
     std::filesystem::remove(marker);
   });
@@ -662,9 +667,13 @@ TEST_F(CurlWrapperLocks, SeveralThreadsMakeOneLockTogether) {
     int counter = 0;  // guarded by the lock alone
     constexpr int kThreads = 4;
     constexpr int kRounds = 2000;
+    std::atomic<int> started{0};
     std::vector<std::thread> threads;
+    gSlowMutexes = true;  // so that all threads find the lock missing
     for (int i = 0; i < kThreads; ++i) {
       threads.emplace_back([&] {
+        ++started;
+        while (started < kThreads) std::this_thread::yield();
         for (int round = 0; round < kRounds; ++round) {
           crypto.lock(kLock, 40, nullptr, 0);
           ++counter;
@@ -673,6 +682,7 @@ TEST_F(CurlWrapperLocks, SeveralThreadsMakeOneLockTogether) {
       });
     }
     for (auto& thread : threads) thread.join();
+    gSlowMutexes = false;
     EXPECT_EQ(counter, kThreads * kRounds);
     EXPECT_EQ(gMutexCount, mutexes + 1);
   });
