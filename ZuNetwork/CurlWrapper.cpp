@@ -3,6 +3,8 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cstdio>
+
 // libcurl's type checks on variadic calls work on its own names, which are not called here.
 #undef curl_easy_setopt
 #undef curl_easy_getinfo
@@ -27,6 +29,25 @@ using LockCallback = void (*)(int mode, int n, const char* file, int line);
 using NumLocks = int (*)();
 using SetIdCallback = void (*)(IdCallback);
 using SetLockingCallback = void (*)(LockCallback);
+
+// The rest of OpenSSL's types and the functions that signing takes from it.
+struct evp_md_st;
+struct evp_md_ctx_st;
+struct stack_st_X509;
+
+using ReadPkcs12Function = PKCS12_st* (*)(std::FILE*, PKCS12_st**);
+using ParsePkcs12Function = int (*)(PKCS12_st*, const char*, evp_pkey_st**, x509_st**,
+                                    stack_st_X509**);
+using FreePkcs12 = void (*)(PKCS12_st*);
+using GetErrorLine = unsigned long (*)(const char**, int*);
+using GetDigest = const evp_md_st* (*)();
+using NewContext = evp_md_ctx_st* (*)();
+using FreeContext = void (*)(evp_md_ctx_st*);
+using DigestInit = int (*)(evp_md_ctx_st*, const evp_md_st*);
+using DigestUpdate = int (*)(evp_md_ctx_st*, const void*, size_t);
+using SignFinal = int (*)(evp_md_ctx_st*, unsigned char*, unsigned int*, evp_pkey_st*);
+using FreeCertificate = void (*)(x509_st*);
+using FreeKey = void (*)(evp_pkey_st*);
 
 using Mutex = std::atomic<pthread_mutex_t*>;
 
@@ -212,6 +233,12 @@ CURLcode CurlWrapper::Curl_easy_setopt(void* handle, CURLoption option,
   return setopt ? setopt(handle, option, value) : CURLE_FAILED_INIT;
 }
 
+bool CurlWrapper::IsStringOption(CURLoption option) {
+  const auto optionById = FIND(curl_easy_option_by_id);
+  const curl_easyoption* const known = optionById ? optionById(option) : nullptr;
+  return known != nullptr && known->type == CURLOT_STRING;
+}
+
 CURLFORMcode CurlWrapper::Curl_formadd(curl_httppost** first, curl_httppost** last,
                                        CURLformoption option1, const char* value1,
                                        CURLformoption option2, const char* value2,
@@ -295,4 +322,69 @@ CURLMcode CurlWrapper::Curl_multi_fdset(void* multi, fd_set* readSet, fd_set* wr
 CURLMcode CurlWrapper::Curl_multi_timeout(void* multi, long* milliseconds) {
   const auto timeout = FIND(curl_multi_timeout);
   return timeout ? timeout(multi, milliseconds) : CURLM_BAD_HANDLE;
+}
+
+int CurlWrapper::SignSHA256withRSA(const char* poP12Filename, const char* poStringToSign,
+                                   int iStringToSignSize, const char* poStringPassPhrase,
+                                   unsigned char* poSignature, unsigned int* iSize) {
+  if (poP12Filename == nullptr || iStringToSignSize < 0) return 0;
+  PKCS12_st* const pkcs12 = ReadPkcs12(poP12Filename);
+  if (pkcs12 == nullptr) return 0;
+  x509_st* certificate = nullptr;
+  evp_pkey_st* const key = ParsePkcs12(pkcs12, poP12Filename, poStringPassPhrase, &certificate);
+  if (const auto freePkcs12 = Lookup<FreePkcs12>("PKCS12_free")) freePkcs12(pkcs12);
+  if (key == nullptr) return 0;
+  const bool isSigned =
+      SignDigest(key, poStringToSign, static_cast<size_t>(iStringToSignSize), poSignature, iSize);
+  const auto freeCertificate = Lookup<FreeCertificate>("X509_free");
+  if (freeCertificate && certificate != nullptr) freeCertificate(certificate);
+  if (const auto freeKey = Lookup<FreeKey>("EVP_PKEY_free")) freeKey(key);
+  return isSigned ? 1 : 0;
+}
+
+PKCS12_st* CurlWrapper::ReadPkcs12(const char* fileName) {
+  std::FILE* const file = std::fopen(fileName, "r");
+  if (file == nullptr) return nullptr;
+  const auto read = Find<ReadPkcs12Function>("d2i_PKCS12_fp");
+  PKCS12_st* const pkcs12 = read ? read(file, nullptr) : nullptr;
+  std::fclose(file);
+  return pkcs12;
+}
+
+// The key, or null; a certificate comes with a key only.
+evp_pkey_st* CurlWrapper::ParsePkcs12(PKCS12_st* pkcs12, const char* fileName,
+                                      const char* passPhrase, x509_st** certificate) const {
+  const auto parse = Lookup<ParsePkcs12Function>("PKCS12_parse");
+  if (!parse) return nullptr;
+  evp_pkey_st* key = nullptr;
+  if (parse(pkcs12, passPhrase, &key, certificate, nullptr) == 1) return key;
+  if (const auto getErrorLine = Lookup<GetErrorLine>("ERR_get_error_line")) {
+    const char* file = nullptr;
+    int line = 0;
+    const unsigned long error = getErrorLine(&file, &line);
+    std::printf("Failed to parse P12 file %s, error = [%lu] file [%s] line [%d]\n", fileName, error,
+                file == nullptr ? "unknown" : file, line);
+  }
+  return nullptr;
+}
+
+bool CurlWrapper::SignDigest(evp_pkey_st* key, const void* data, size_t size,
+                             unsigned char* signature, unsigned int* signatureSize) const {
+  const auto sha256 = Lookup<GetDigest>("EVP_sha256");
+  const auto init = Lookup<DigestInit>("EVP_DigestInit");
+  const auto update = Lookup<DigestUpdate>("EVP_DigestUpdate");
+  const auto sign = Lookup<SignFinal>("EVP_SignFinal");
+  // OpenSSL 1.1 renamed the makers of contexts.
+  auto newContext = Lookup<NewContext>("EVP_MD_CTX_create");
+  if (!newContext) newContext = Lookup<NewContext>("EVP_MD_CTX_new");
+  auto freeContext = Lookup<FreeContext>("EVP_MD_CTX_destroy");
+  if (!freeContext) freeContext = Lookup<FreeContext>("EVP_MD_CTX_free");
+  if (!sha256 || !init || !update || !sign || !newContext) return false;
+
+  evp_md_ctx_st* const context = newContext();
+  if (context == nullptr) return false;
+  const bool isSigned = init(context, sha256()) == 1 && update(context, data, size) == 1 &&
+                        sign(context, signature, signatureSize, key) == 1;
+  if (freeContext) freeContext(context);
+  return isSigned;
 }

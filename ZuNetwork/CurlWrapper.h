@@ -8,6 +8,11 @@
 #include "ZuNetwork/ZuNetworkExport.h"
 #include "ZuUtils/ZuLibrary.h"
 
+// OpenSSL's own types, by their names in its headers, which nobody needs for this one.
+struct PKCS12_st;
+struct evp_pkey_st;
+struct x509_st;
+
 // libcurl, loaded at run time. Every forwarder looks its function up by name at the moment of the
 // call, in the "libcurl.so" that the dynamic loader finds, so that a program runs without libcurl
 // until it needs it; while it is missing, every call tries to load it again.
@@ -66,6 +71,9 @@ class ZUNETWORK_API CurlWrapper {
   CURLcode Curl_easy_setopt(void* handle, CURLoption option,
                             int (*value)(CURL*, curl_infotype, char*, size_t, void*));
 
+  // Whether the option takes a zero-terminated string. A libcurl before 7.73 cannot tell: no.
+  bool IsStringOption(CURLoption option);
+
   // Each appends one form field; `end` is CURLFORM_END.
   CURLFORMcode Curl_formadd(curl_httppost** first, curl_httppost** last, CURLformoption option1,
                             const char* value1, CURLformoption option2, const char* value2,
@@ -93,7 +101,23 @@ class ZUNETWORK_API CurlWrapper {
                              int* maxDescriptor);
   CURLMcode Curl_multi_timeout(void* multi, long* milliseconds);
 
+  // Signs `iStringToSignSize` bytes with RSA over their SHA-256 digest, by the private key of a
+  // PKCS#12 file, with the OpenSSL that libcurl brought along. Returns 1 when the signature is in
+  // `poSignature`, which needs room for the key's size (256 bytes for 2048 bits), and its length in
+  // `iSize`; 0 when the file, the pass phrase, the key or a function of OpenSSL is missing or
+  // wrong. Of a file that cannot be parsed one line on standard output says why. The pass phrase
+  // goes to OpenSSL as it is.
+  int SignSHA256withRSA(const char* poP12Filename, const char* poStringToSign,
+                        int iStringToSignSize, const char* poStringPassPhrase,
+                        unsigned char* poSignature, unsigned int* iSize);
+
  private:
+  PKCS12_st* ReadPkcs12(const char* fileName);
+  evp_pkey_st* ParsePkcs12(PKCS12_st* pkcs12, const char* fileName, const char* passPhrase,
+                           x509_st** certificate) const;
+  bool SignDigest(evp_pkey_st* key, const void* data, size_t size, unsigned char* signature,
+                  unsigned int* signatureSize) const;
+
   template <typename Function>
   Function Find(const char* name);
   template <typename Function>

@@ -7,7 +7,6 @@
 #include "ZuUtils/FXPath.h"
 #include "ZuUtils/FXString.h"
 #include "ZuUtils/ZuFile.h"
-#include "ZuUtils/ZuString.h"
 
 namespace KdCURL {
 
@@ -30,6 +29,21 @@ bool Contains(const std::string& text, std::string_view part) {
 size_t EndOfScheme(const std::string& url) {
   const size_t position = url.find(kSchemeEnd);
   return position == std::string::npos ? 0 : position + kSchemeEnd.size();
+}
+
+// What stands behind the last slash, not counting one at the end.
+std::string_view LastComponent(std::string_view target) {
+  if (!target.empty() && target.back() == '/') target.remove_suffix(1);
+  return target.substr(target.rfind('/') + 1);
+}
+
+// An ampersand is the one character of a URL that pages write as an entity.
+void UnescapeAmpersands(std::string& target) {
+  constexpr std::string_view kEntity = "&amp;";
+  for (size_t at = target.find(kEntity); at != std::string::npos;
+       at = target.find(kEntity, at + 1)) {
+    target.replace(at, kEntity.size(), 1, '&');
+  }
 }
 
 // Walks the links of a page. Upper-case markers go first: a lower-case one counts only when no
@@ -64,6 +78,16 @@ bool LeadsOutOfListing(const std::string& content, size_t endOfTarget, const std
   return content.compare(open, close + 1 - open, "[To Parent Directory]") == 0;
 }
 
+// Whether a link of a listing, as servers write them, leads to an entry of the listed folder: not
+// to a sorted view (a query), a place on the page, another site, the folder itself or one above it.
+bool LeadsToEntry(const std::string& target, const std::string& folder) {
+  if (target.find_first_of("?#") != std::string::npos) return false;
+  if (target.find(':') < target.find('/')) return false;
+  const std::string_view name = LastComponent(target);
+  if (name.empty() || name == "." || name == "..") return false;
+  return target.front() != '/' || target.back() != '/' || !StartsWith(folder, target);
+}
+
 }  // namespace
 
 KdHTTPReq::KdHTTPReq(HTTPProtocol protocol) : m_protocol(protocol) {}
@@ -91,20 +115,13 @@ CZuError KdHTTPReq::isOperationSuccess(bool& bIsSucess) {
 }
 
 CZuError KdHTTPReq::setHTTPAuth(long param) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  return SetOptions(ZU_HERE, {{CURLOPT_HTTPAUTH, param}});
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_HTTPAUTH, param}});
 }
 
 CZuError KdHTTPReq::setHeaders(const std::map<std::string, std::string>& headerMap) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  if (headerMap.empty()) return {};
-  for (const auto& [name, value] : headerMap) {
-    const std::string line = name + ":" + value;
-    m_headerList = CurlWrapper::gCurlWrapper.Curl_slist_append(m_headerList, line.c_str());
-  }
-  return SetOptions(ZU_HERE, {{CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList)}});
+  return SetHeaderLines(ZU_HERE, CURLOPT_HTTPHEADER, headerMap, m_headerList);
 }
 
 CZuError KdHTTPReq::addFormValues(const std::string& copyName, int fieldName,
@@ -118,13 +135,15 @@ CZuError KdHTTPReq::setFormValue() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   m_FormComponentHeaders.clear();
   for (const formInfo& field : m_formInfo) {
-    std::string line = "Content-Disposition: form-data; name=\"" + field.copyName + "\"";
+    std::string line =
+        FXString::Format("Content-Disposition: form-data; name=\"%s\"", field.copyName.c_str());
     if (field.fieldName == CURLFORM_FILE) {
       std::string parent;
       std::string name;
       CZuError error = FXPath::SplitParentPath(field.fieldValue, parent, name);
       if (Failed(error)) return error.Push(ZU_HERE);
-      line += ";filename=\"" + name + "\"";
+      line = FXString::Format("Content-Disposition: form-data; name=\"%s\";filename=\"%s\"",
+                              field.copyName.c_str(), name.c_str());
     }
     curl_slist* const header = CurlWrapper::gCurlWrapper.Curl_slist_append(nullptr, line.c_str());
     if (header == nullptr) {
@@ -137,12 +156,6 @@ CZuError KdHTTPReq::setFormValue() {
                                            field.fieldValue.c_str(), CURLFORM_END);
   }
   return {};
-}
-
-std::string KdHTTPReq::AppendForwardSlash(const std::string& path) {
-  CZuString text(path.c_str());
-  text.CheckAndAppendLastCharacter('/');
-  return text.c_str();
 }
 
 CZuError KdHTTPReq::IsFile(const std::string& sourcePath, bool& isFile) {
@@ -365,19 +378,31 @@ CZuError KdHTTPReq::CollectLinks(const std::string& content, const std::string& 
     const size_t end = content.find('"', start);
     if (end == std::string::npos) return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
     std::string target = content.substr(start, end - start);
-    if (!isFirst || !LeadsOutOfListing(content, end, target, sourcePath)) {
-      FileDirInfo entry;
-      entry.isFile = target.at(target.size() - 1) != '/';
-      if (!entry.isFile) target.pop_back();
-      const size_t slash = target.rfind('/');
-      if (slash == std::string::npos) return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
-      CZuError error = URLDecode(target.substr(slash + 1), entry.name);
+    bool isEntry = !isFirst || !LeadsOutOfListing(content, end, target, sourcePath);
+    if (m_bLenientListing) {
+      UnescapeAmpersands(target);
+      isEntry = isEntry && LeadsToEntry(target, sourcePath);
+    }
+    if (isEntry) {
+      CZuError error = CollectLink(target, entries);
       if (Failed(error)) return error.Push(ZU_HERE);
-      if (entry.name != "web.config") entries.push_back(std::move(entry));
     }
     isFirst = false;
     link = links.FindFrom(end);
   }
+  return {};
+}
+
+CZuError KdHTTPReq::CollectLink(const std::string& target, std::vector<FileDirInfo>& entries) {
+  FileDirInfo entry;
+  entry.isFile = target.at(target.size() - 1) != '/';  // raises for an empty target
+  const std::string_view path(target.data(), target.size() - (entry.isFile ? 0 : 1));
+  if (!m_bLenientListing && path.find('/') == std::string_view::npos) {
+    return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
+  }
+  CZuError error = URLDecode(std::string(LastComponent(target)), entry.name);
+  if (Failed(error)) return error.Push(ZU_HERE);
+  if (entry.name != "web.config") entries.push_back(std::move(entry));
   return {};
 }
 

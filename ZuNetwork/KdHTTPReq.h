@@ -41,6 +41,8 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
   //   ErrorInt 101  a link without closing quote, or whose target has no slash (a relative link)
   //   else          the file cannot be read
   // An empty target raises std::out_of_range.
+  // A lenient listing takes relative links too, and drops those to parent directories, to the
+  // folder `sourcePath` and those above it, to other sites, queries and fragments.
   CZuError collectFilesAndDir(const std::string& fileName, std::vector<FileDirInfo>* vFilDirList,
                               std::string sourcePath) override;
 
@@ -80,13 +82,12 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
                                    const std::string& fieldValue) {
     return {copyName, fieldName, fieldValue};
   }
-  static std::string AppendForwardSlash(const std::string& path);
-
   CZuError SetPostBuffer();
   CZuError SetCustomRequest();
   void FreeForm();
   CZuError CollectLinks(const std::string& content, const std::string& sourcePath,
                         std::vector<FileDirInfo>& entries);
+  CZuError CollectLink(const std::string& target, std::vector<FileDirInfo>& entries);
 
   std::string m_postBody;  // what the handle points to after a POST of a buffer
 };

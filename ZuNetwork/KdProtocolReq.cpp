@@ -1,5 +1,6 @@
 #include "ZuNetwork/KdProtocolReq.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <type_traits>
@@ -19,6 +20,33 @@ constexpr char kOptionRefused[] = "Failed to set option [%d]";
 
 static_assert(std::is_same_v<curl_write_callback, curl_read_callback>,
               "one helper sets callbacks of both kinds");
+
+// The kinds of values, by the ranges of option numbers that libcurl gives them.
+bool TakesNumber(CURLoption option) {
+  return option < CURLOPTTYPE_OBJECTPOINT ||
+         (option >= CURLOPTTYPE_OFF_T && option < CURLOPTTYPE_BLOB);
+}
+
+// Strings share their range with pointers of all kinds; libcurl knows which is which.
+bool TakesString(CURLoption option) {
+  return option >= CURLOPTTYPE_OBJECTPOINT && option < CURLOPTTYPE_FUNCTIONPOINT &&
+         CurlWrapper::gCurlWrapper.IsStringOption(option);
+}
+
+const char* HttpVersion(long version) {
+  switch (version) {
+    case CURL_HTTP_VERSION_1_0:
+      return "1.0";
+    case CURL_HTTP_VERSION_1_1:
+      return "1.1";
+    case CURL_HTTP_VERSION_2_0:
+      return "2";
+    case CURL_HTTP_VERSION_3:
+      return "3";
+    default:
+      return "";
+  }
+}
 
 bool IsNullOrEmpty(const char* text) { return text == nullptr || *text == '\0'; }
 
@@ -69,6 +97,12 @@ CZuError KdProtocolReq::setDefaultConfiguration() {
                               {CURLOPT_CAINFO, kDefaultCaBundle}});
 }
 
+std::string KdProtocolReq::AppendForwardSlash(const std::string& path) {
+  CZuString text(path.c_str());
+  text.CheckAndAppendLastCharacter('/');
+  return text.c_str();
+}
+
 CZuError KdProtocolReq::SetOptions(const FXCodeLocation& where,
                                    std::initializer_list<Option> options) {
   for (const Option& option : options) {
@@ -80,15 +114,34 @@ CZuError KdProtocolReq::SetOptions(const FXCodeLocation& where,
   return {};
 }
 
-CZuError KdProtocolReq::setSecured(bool isSecured, const std::string& caBundlePath) {
+CZuError KdProtocolReq::Configure(const FXCodeLocation& where, const char* notInitialized,
+                                  std::initializer_list<Option> options) {
   resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  if (!isSecured) {
-    return SetOptions(ZU_HERE, {{CURLOPT_SSL_VERIFYPEER, 0}, {CURLOPT_SSL_VERIFYHOST, 0}});
+  if (!m_bProtocolInitialized) return ErrorInt(where, kErrorBadInput, "%s", notInitialized);
+  return SetOptions(where, options);
+}
+
+CZuError KdProtocolReq::SetHeaderLines(const FXCodeLocation& where, CURLoption option,
+                                       const std::map<std::string, std::string>& headerMap,
+                                       curl_slist*& list) {
+  if (headerMap.empty()) return {};
+  for (const auto& [name, value] : headerMap) {
+    std::string line = name;
+    line.append(1, ':').append(value);
+    list = CurlWrapper::gCurlWrapper.Curl_slist_append(list, line.c_str());
   }
-  return SetOptions(ZU_HERE, {{CURLOPT_SSL_VERIFYPEER, 1},
-                              {CURLOPT_SSL_VERIFYHOST, 2},
-                              {CURLOPT_CAINFO, caBundlePath.c_str()}});
+  return SetOptions(where, {{option, static_cast<void*>(list)}});
+}
+
+CZuError KdProtocolReq::setSecured(bool isSecured, const std::string& caBundlePath) {
+  if (!isSecured) {
+    return Configure(ZU_HERE, kNotInitialized,
+                     {{CURLOPT_SSL_VERIFYPEER, 0}, {CURLOPT_SSL_VERIFYHOST, 0}});
+  }
+  return Configure(ZU_HERE, kNotInitialized,
+                   {{CURLOPT_SSL_VERIFYPEER, 1},
+                    {CURLOPT_SSL_VERIFYHOST, 2},
+                    {CURLOPT_CAINFO, caBundlePath.c_str()}});
 }
 
 CZuError KdProtocolReq::setMaxSSLVersion(int version) {
@@ -127,45 +180,34 @@ CZuError KdProtocolReq::setProxyDetails(const std::string& proxyServer,
                                         const std::string& proxyUserName,
                                         const std::string& proxyPassword,
                                         const std::string& proxyPort) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   const std::string server = proxyServer + ":" + proxyPort;
   const std::string credentials = proxyUserName + ":" + proxyPassword;
-  CZuError error = SetOptions(ZU_HERE, {{CURLOPT_PROXYTYPE, int{CURLPROXY_HTTP}},
-                                        {CURLOPT_PROXY, server.c_str()},
-                                        {CURLOPT_PROXYUSERPWD, credentials.c_str()}});
+  CZuError error = Configure(ZU_HERE, kNotInitialized,
+                             {{CURLOPT_PROXYTYPE, int{CURLPROXY_HTTP}},
+                              {CURLOPT_PROXY, server.c_str()},
+                              {CURLOPT_PROXYUSERPWD, credentials.c_str()}});
   if (!Failed(error)) m_bIsProxySet = true;
   return error;
 }
 
 CZuError KdProtocolReq::setProxyBypass(const std::string& bypass) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  return SetOptions(ZU_HERE, {{CURLOPT_NOPROXY, bypass.c_str()}});
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_NOPROXY, bypass.c_str()}});
 }
 
 CZuError KdProtocolReq::DisableProxy() {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  return SetOptions(ZU_HERE, {{CURLOPT_PROXY, ""}});
+  return Configure(ZU_HERE, kNotInitializedPlural, {{CURLOPT_PROXY, ""}});
 }
 
 CZuError KdProtocolReq::setProyAuth(long nAuthType) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  return SetOptions(ZU_HERE, {{CURLOPT_PROXYAUTH, nAuthType}});
+  return Configure(ZU_HERE, kNotInitializedPlural, {{CURLOPT_PROXYAUTH, nAuthType}});
 }
 
 CZuError KdProtocolReq::SetTimeOut(long secs) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  return SetOptions(ZU_HERE, {{CURLOPT_TIMEOUT, secs}});
+  return Configure(ZU_HERE, kNotInitializedPlural, {{CURLOPT_TIMEOUT, secs}});
 }
 
 CZuError KdProtocolReq::SetConnectionTimeOut(long secs) {
-  resetCurlErrorBuffer();
-  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  return SetOptions(ZU_HERE, {{CURLOPT_CONNECTTIMEOUT, secs}});
+  return Configure(ZU_HERE, kNotInitializedPlural, {{CURLOPT_CONNECTTIMEOUT, secs}});
 }
 
 CZuError KdProtocolReq::setCredentials(const std::string& URLUserName,
@@ -187,6 +229,113 @@ CZuError KdProtocolReq::setTraceCallBack(void* instancePtr, TRACE_FUN_POINTER tr
   // A trace that cannot be had is no reason to refuse the request.
   SetOption(CURLOPT_DEBUGFUNCTION, reinterpret_cast<void*>(traceFunPtr));
   SetOption(CURLOPT_DEBUGDATA, instancePtr);
+  return {};
+}
+
+CZuError KdProtocolReq::setProgressCallBack(void* instancePtr,
+                                            PROGRESS_FUN_POINTER progressFunPtr) {
+  return Configure(ZU_HERE, kNotInitialized,
+                   {{CURLOPT_XFERINFOFUNCTION, reinterpret_cast<void*>(progressFunPtr)},
+                    {CURLOPT_XFERINFODATA, instancePtr},
+                    {CURLOPT_NOPROGRESS, progressFunPtr == nullptr ? 1 : 0}});
+}
+
+CZuError KdProtocolReq::SetTimeOutMS(long milliseconds) {
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_TIMEOUT_MS, milliseconds}});
+}
+
+CZuError KdProtocolReq::SetConnectionTimeOutMS(long milliseconds) {
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_CONNECTTIMEOUT_MS, milliseconds}});
+}
+
+CZuError KdProtocolReq::setMinimumSpeed(long bytesPerSec, long secs) {
+  return Configure(ZU_HERE, kNotInitialized,
+                   {{CURLOPT_LOW_SPEED_LIMIT, bytesPerSec}, {CURLOPT_LOW_SPEED_TIME, secs}});
+}
+
+CZuError KdProtocolReq::setNoSignal(bool noSignal) {
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_NOSIGNAL, noSignal ? 1 : 0}});
+}
+
+CZuError KdProtocolReq::setOption(int option, long value) {
+  resetCurlErrorBuffer();
+  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
+  if (!TakesNumber(static_cast<CURLoption>(option))) {
+    return ErrorInt(ZU_HERE, kErrorBadInput, "Option [%d] takes no such value", option);
+  }
+  return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
+}
+
+CZuError KdProtocolReq::setOption(int option, const std::string& value) {
+  resetCurlErrorBuffer();
+  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
+  if (!TakesString(static_cast<CURLoption>(option))) {
+    return ErrorInt(ZU_HERE, kErrorBadInput, "Option [%d] takes no such value", option);
+  }
+  return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
+}
+
+// A refused option is not kept; one that is set again replaces the earlier value.
+CZuError KdProtocolReq::KeepOption(const FXCodeLocation& where, CallersOption option) {
+  m_callersOptions.erase(
+      std::remove_if(m_callersOptions.begin(), m_callersOptions.end(),
+                     [&](const CallersOption& kept) { return kept.option == option.option; }),
+      m_callersOptions.end());
+  m_callersOptions.push_back(std::move(option));
+  CZuError error = SetCallersOptions();
+  if (!Failed(error)) return {};
+  m_callersOptions.pop_back();
+  return error.Push(where);
+}
+
+CZuError KdProtocolReq::SetCallersOptions() {
+  for (const CallersOption& option : m_callersOptions) {
+    const auto* const text = std::get_if<std::string>(&option.value);
+    m_curlCode = text == nullptr ? SetOption(option.option, std::get<long>(option.value))
+                                 : SetOption(option.option, text->c_str());
+    if (m_curlCode != CURLE_OK) {
+      return ErrorKdCURL(ZU_HERE, m_curlCode, kOptionRefused, option.option);
+    }
+  }
+  return {};
+}
+
+CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
+  constexpr double kMicrosecondsPerSecond = 1e6;
+  curl_off_t nameLookup = 0;
+  curl_off_t connect = 0;
+  curl_off_t tls = 0;
+  curl_off_t firstByte = 0;
+  curl_off_t total = 0;
+  const char* address = nullptr;
+  long version = 0;
+  TransferTimes result;
+  const struct {
+    CURLINFO info;
+    void* out;
+  } parts[] = {{CURLINFO_NAMELOOKUP_TIME_T, &nameLookup},
+               {CURLINFO_CONNECT_TIME_T, &connect},
+               {CURLINFO_APPCONNECT_TIME_T, &tls},
+               {CURLINFO_STARTTRANSFER_TIME_T, &firstByte},
+               {CURLINFO_TOTAL_TIME_T, &total},
+               {CURLINFO_SIZE_DOWNLOAD_T, &result.bytesReceived},
+               {CURLINFO_SIZE_UPLOAD_T, &result.bytesSent},
+               {CURLINFO_SPEED_DOWNLOAD_T, &result.receiveSpeed},
+               {CURLINFO_SPEED_UPLOAD_T, &result.sendSpeed},
+               {CURLINFO_PRIMARY_IP, &address},
+               {CURLINFO_HTTP_VERSION, &version}};
+  for (const auto& [info, out] : parts) {
+    const CURLcode code = CurlWrapper::gCurlWrapper.Curl_easy_getinfo(Handle(), info, out);
+    if (code != CURLE_OK) return ErrorKdCURL(ZU_HERE, code, "Failed to get info [%d]", info);
+  }
+  result.nameLookup = static_cast<double>(nameLookup) / kMicrosecondsPerSecond;
+  result.connect = static_cast<double>(connect) / kMicrosecondsPerSecond;
+  result.tls = static_cast<double>(tls) / kMicrosecondsPerSecond;
+  result.firstByte = static_cast<double>(firstByte) / kMicrosecondsPerSecond;
+  result.total = static_cast<double>(total) / kMicrosecondsPerSecond;
+  result.address = address == nullptr ? "" : address;
+  result.httpVersion = HttpVersion(version);
+  times = std::move(result);
   return {};
 }
 
@@ -323,10 +472,8 @@ CZuError KdProtocolReq::checkIfFileOrDirExists(const std::string& srcPath, bool 
                                                bool& isExist) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  CZuString path(srcPath.c_str());
-  if (!isFile) path.CheckAndAppendLastCharacter('/');
   double size = 0.0;
-  const CZuError error = getFileInfo(path.c_str(), size);
+  const CZuError error = getFileInfo(isFile ? srcPath : AppendForwardSlash(srcPath), size);
   if (isFile) {
     if (m_curlCode != CURLE_OK) {
       return ErrorInt(ZU_HERE, kErrorBadInput,
@@ -373,10 +520,8 @@ CZuError KdProtocolReq::getInfo(CurlInfoType infoType, std::string& out) {
 CZuError KdProtocolReq::getFilesAndDirsInfoInFile(const std::string& srcPath) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  CZuString path(srcPath.c_str());
-  if (path.IsEmpty()) return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
-  path.CheckAndAppendLastCharacter('/');
-  m_strURLPath = path.c_str();
+  if (srcPath.empty()) return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
+  m_strURLPath = AppendForwardSlash(srcPath);
   m_OpType = OP_GET_FILE_DIR_LIST;
   return SendOperation(ZU_HERE);
 }
@@ -409,7 +554,12 @@ CZuError KdProtocolReq::PrepareForRequest() {
   if (!Failed(error)) error = setHeaders(m_mHeaders);
   if (Failed(error)) return error.Push(ZU_HERE);
   SetCallBacks();
-  return {};
+  if (m_lResumeOffset != 0) {
+    SetOption(CURLOPT_RESUME_FROM_LARGE, static_cast<long long>(m_lResumeOffset));
+  }
+  error = SetCallersOptions();
+  if (Failed(error)) error.Push(ZU_HERE);
+  return error;
 }
 
 CZuError KdProtocolReq::Execute() {
@@ -435,6 +585,8 @@ CZuError KdProtocolReq::Execute() {
 
 CZuError KdProtocolReq::unSetMethodParameter() {
   UnsetCallBacks();
+  if (m_lResumeOffset != 0) SetOption(CURLOPT_RESUME_FROM_LARGE, 0LL);
+  m_lResumeOffset = 0;
   m_mHeaders.clear();
   CZuError error = unsetOpTypeParameter();
   if (Failed(error)) error.Push(ZU_HERE);

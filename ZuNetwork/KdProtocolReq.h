@@ -50,9 +50,26 @@ struct FileDirInfo {
   double fileSize = 0.0;  // bytes; 0 where the listing tells no size
 };
 
+// How the last transfer went; all 0 and empty before the first one.
+struct TransferTimes {
+  // Seconds from the start until ...
+  double nameLookup = 0.0;  // the name was resolved
+  double connect = 0.0;     // the connection stood
+  double tls = 0.0;         // TLS stood too; 0 without it
+  double firstByte = 0.0;   // the first byte of the answer came
+  double total = 0.0;       // the end
+  std::int64_t bytesReceived = 0;
+  std::int64_t bytesSent = 0;
+  std::int64_t receiveSpeed = 0;  // bytes a second, over the whole transfer
+  std::int64_t sendSpeed = 0;
+  std::string address;      // numeric address of the server or proxy
+  std::string httpVersion;  // "1.0", "1.1", "2" or "3"; empty for other protocols
+};
+
 // libcurl's own callbacks; see CURLOPT_WRITEFUNCTION, CURLOPT_READFUNCTION, CURLOPT_DEBUGFUNCTION.
 using WRITE_FUN_POINTER = curl_write_callback;
 using READ_FUN_POINTER = curl_read_callback;
+using PROGRESS_FUN_POINTER = curl_xferinfo_callback;
 // Only the low 32 bits of `infoType` are set: they are libcurl's curl_infotype.
 using TRACE_FUN_POINTER = int (*)(void* handle, void* infoType, char* data, unsigned long size,
                                   void* instancePtr);
@@ -163,6 +180,40 @@ class ZUNETWORK_API KdProtocolReq {
   // Takes libcurl's trace. Null arguments: ErrorInt 1, "Input is invalid".
   CZuError setTraceCallBack(void* instancePtr, TRACE_FUN_POINTER traceFunPtr);
 
+  // What most programs need sooner or later. It is off until asked for.
+
+  // Told the bytes to come, come, to go and gone, several times a second; totals are 0 while they
+  // are unknown. A non-zero answer cancels the request: libcurl's code 42, "Callback aborted".
+  // Stays for all requests; a null function takes it away.
+  CZuError setProgressCallBack(void* instancePtr, PROGRESS_FUN_POINTER progressFunPtr);
+
+  // The limits of SetTimeOut() and SetConnectionTimeOut() in milliseconds.
+  CZuError SetTimeOutMS(long milliseconds);
+  CZuError SetConnectionTimeOutMS(long milliseconds);
+
+  // Gives up (libcurl's code 28) when less than `bytesPerSec` come on average for `secs` seconds.
+  CZuError setMinimumSpeed(long bytesPerSec, long secs);
+
+  // No signals for time-outs, as programs with several threads want it.
+  CZuError setNoSignal(bool noSignal);
+
+  // Any option of libcurl by its number. The value is set at once and again before every request,
+  // whatever the operation does with the option. A refusal is reported at either time. A value of a
+  // kind that the option does not take is ErrorInt 1, "Option [%d] takes no such value".
+  CZuError setOption(int option, long value);
+  CZuError setOption(int option, long long value) { return setOption(option, long{value}); }
+  CZuError setOption(int option, const std::string& value);
+
+  // Starts the next transfer at this byte of the file: a download of what is missing, an upload
+  // (FTP, SFTP) that appends. A server that cannot is libcurl's code 33, or 36 for FTP.
+  void setResumeOffset(std::int64_t offset) { m_lResumeOffset = offset; }
+
+  // Whether collectFilesAndDir() takes listings as today's servers write them; see there.
+  void setLenientListing(bool isLenient) { m_bLenientListing = isLenient; }
+
+  // ErrorKdCURL when libcurl does not tell; `times` is then unchanged.
+  CZuError getTransferTimes(TransferTimes& times);
+
   // The request's parts: server (with or without scheme), port as text, path, and kind.
   void setURL(const std::string& url) { m_strURL = url; }
   void setPortNo(const std::string& portNo) { m_strPortNo = portNo; }
@@ -186,12 +237,13 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError uploadFile(const char* sourceFilePath, const char* urlPath, size_t fileSize,
                       const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs a text.
+  // POSTs a text. The handle stays set to POST, with an empty body: a listing that follows goes out
+  // as a POST, a download does not.
   CZuError doPostOperation(const char* urlPath, const char* postString,
                            const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs `size` bytes; a null body goes with size 0. The handle stays set to POST and keeps a copy
-  // of the body: a listing that follows goes out as a POST too, a download does not.
+  // POSTs `size` bytes; a null body goes with size 0. The same, but for the handle keeping a copy
+  // of the body, which goes out with that listing.
   CZuError doPostOperation(const char* urlPath, const char* postString, long size,
                            const std::vector<commandInfo>& vCommandInfo);
 
@@ -260,8 +312,21 @@ class ZUNETWORK_API KdProtocolReq {
 
   CZuError setDefaultConfiguration();
 
+  // The path up to its first zero byte, ending in a slash.
+  static std::string AppendForwardSlash(const std::string& path);
+
   // Sets the options in order, keeps libcurl's result and stops at the first refusal.
   CZuError SetOptions(const FXCodeLocation& where, std::initializer_list<Option> options);
+
+  // The same as a setter of the configuration does it: clears the error buffer and refuses an
+  // object that is not initialised with the given one of the two texts.
+  CZuError Configure(const FXCodeLocation& where, const char* notInitialized,
+                     std::initializer_list<Option> options);
+
+  // Appends a line "name:value" for each entry to `list`, in the order of the names, and gives the
+  // list to the handle; an empty map changes nothing.
+  CZuError SetHeaderLines(const FXCodeLocation& where, CURLoption option,
+                          const std::map<std::string, std::string>& headerMap, curl_slist*& list);
 
   // Sets one option whose refusal does not matter.
   template <typename Value>
@@ -297,6 +362,8 @@ class ZUNETWORK_API KdProtocolReq {
   int m_curlCode = 0;
   long m_responseCode = 0;
 
+  bool m_bLenientListing = false;
+
   static pthread_mutex_t* ssl_mutex;  // kept for derived classes; the base takes no lock
   static std::atomic<bool> m_gbInit;
 
@@ -309,7 +376,14 @@ class ZUNETWORK_API KdProtocolReq {
     KdCurlContext context;
   };
 
+  struct CallersOption {
+    CURLoption option;
+    std::variant<long, std::string> value;
+  };
+
   const char* ErrorText() const;
+  CZuError KeepOption(const FXCodeLocation& where, CallersOption option);
+  CZuError SetCallersOptions();
   CZuError SendOperation(const FXCodeLocation& where);
   CZuError SendCustomOperation(const FXCodeLocation& where, const char* method, const char* urlPath,
                                const char* body, long size,
@@ -321,6 +395,8 @@ class ZUNETWORK_API KdProtocolReq {
 
   std::list<Connection> m_connections;  // one for each initialize()
   bool m_bWriteDataUnset = false;
+  std::vector<CallersOption> m_callersOptions;
+  std::int64_t m_lResumeOffset = 0;
 };
 
 }  // namespace KdCURL

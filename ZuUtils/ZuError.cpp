@@ -68,6 +68,20 @@ CZuError MakeError(int code, const FXCodeLocation& where, std::string message) {
   return CZuError(code, boost::make_shared<MessageItem>(where, std::move(message)));
 }
 
+// "0x80070306 (system 774)"
+void AppendCode(std::uint32_t code, std::string& text) {
+  constexpr int kLastNibble = 28;
+  text += "0x";
+  for (int shift = kLastNibble; shift >= 0; shift -= 4)
+    text += "0123456789ABCDEF"[code >> shift & 15];
+  if (static_cast<std::int32_t>(code) >= 0) text += " (success)";
+  for (const auto& [facility, kind] : kKinds) {
+    if ((code & ~kNumberMask) != facility) continue;
+    text.append(" (").append(kind).append(1, ' ');
+    text.append(std::to_string(code & kNumberMask)).append(1, ')');
+  }
+}
+
 std::string SystemText(int err) {
   if (err < 0) return gai_strerror(err);
   char buffer[128];
@@ -126,15 +140,10 @@ CZuError& CZuError::Push(boost::shared_ptr<FXErrorItem> item) {
 }
 
 std::string CZuError::AsString() const {
-  const auto code = static_cast<std::uint32_t>(m_hrErrorCode);
-  std::string text = FXString::Format("0x%08X", code);
-  if (m_hrErrorCode >= 0) text += " (success)";
-  for (const auto& [facility, kind] : kKinds) {
-    if ((code & ~kNumberMask) == facility) {
-      text.append(" (").append(kind).append(1, ' ').append(std::to_string(code & kNumberMask)) +=
-          ')';
-    }
-  }
+  constexpr std::size_t kUsualLength = 512;
+  std::string text;
+  text.reserve(kUsualLength);
+  AppendCode(static_cast<std::uint32_t>(m_hrErrorCode), text);
   if (m_ptrPrivate) {
     for (const auto& item : m_ptrPrivate->items) text.append("\n  ").append(item->AsString());
   }

@@ -51,16 +51,15 @@ CZuError CZuLibrary::Load(const char* path, bool global) {
   return Next<Real>("_ZN10CZuLibrary4LoadEPKcb")(this, path, global);
 }
 
-// The tests are compiled with hidden symbols, like the product.
-extern "C" __attribute__((visibility("default"))) int access(const char* path, int mode) noexcept {
+extern "C" int access(const char* path, int mode) noexcept {
   const bool isMarker = std::strcmp(path, "/tmp/KDREMOTEFILE_NO_OPENSSL_CALLBACK") == 0;
   if (isMarker && gMarkerModes != nullptr) gMarkerModes->push_back(mode);
   if (isMarker) path = gMarkerFile;
   return Next<int (*)(const char*, int)>("access")(path, mode);
 }
 
-extern "C" __attribute__((visibility("default"))) int pthread_mutex_init(
-    pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept {
+extern "C" int pthread_mutex_init(pthread_mutex_t* mutex,
+                                  const pthread_mutexattr_t* attributes) noexcept {
   const auto count = static_cast<size_t>(gMutexCount++);
   if (count < std::size(gMutexes)) gMutexes[count] = mutex;
   if (gSlowMutexes) usleep(20000);
@@ -333,6 +332,11 @@ TEST_F(CurlWrapperTest, UnescapeHandsTheLengthOut) {
   EXPECT_THAT(fake.Alive(), IsEmpty());
 }
 
+TEST_F(CurlWrapperTest, StringOptionsAreToldFromOthers) {
+  EXPECT_TRUE(curl.IsStringOption(CURLOPT_URL));
+  EXPECT_FALSE(curl.IsStringOption(CURLOPT_HTTPHEADER));
+}
+
 TEST_F(CurlWrapperTest, EveryCallLooksItsFunctionUpAnew) {
   for (const Forwarder& row : AllForwarders()) {
     SCOPED_TRACE(row.label);
@@ -371,6 +375,7 @@ TEST(CurlWrapperAbsent, ForwardersReturnTheirNotInitializedValue) {
   folder.Run([] {
     CurlWrapper& curl = CurlWrapper::gCurlWrapper;
     EXPECT_FALSE(curl.Init());
+    EXPECT_FALSE(curl.IsStringOption(CURLOPT_URL));
     for (const Forwarder& row : AllForwarders()) {
       EXPECT_EQ(row.call(curl), row.notInitialized) << row.function << ": " << row.label;
     }

@@ -16,6 +16,8 @@ FakeCurl gFake;
 
 char gVersion[] = "libcurl/fake";
 curl_version_info_data gVersionInfo;
+curl_easyoption gStringOption;
+curl_easyoption gOtherOption;
 char gMulti;
 
 using Lock = std::lock_guard<std::recursive_mutex>;
@@ -286,6 +288,13 @@ CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
     state->options[option] = std::move(value);
   }
   return CURLE_OK;
+}
+
+// Tells a text from other values, and stands in no record.
+const curl_easyoption* curl_easy_option_by_id(CURLoption option) {
+  gStringOption.type = CURLOT_STRING;
+  gOtherOption.type = CURLOT_OBJECT;
+  return curlcheck_string_option(option) ? &gStringOption : &gOtherOption;
 }
 
 CURLcode curl_easy_perform(CURL* handle) {

@@ -1,0 +1,173 @@
+#include "ZuNetwork/KdTransferIO.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "ZuNetwork/CurlWrapper.h"
+
+namespace KdCURL {
+
+namespace {
+
+namespace fs = std::filesystem;
+using FXErrorUtil::ErrorErrNo;
+
+// The permissions of the file to be replaced, or those that a new file would get.
+mode_t PermissionsFor(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) == 0) return status.st_mode & 07777;
+  const mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+}  // namespace
+
+FileSink::~FileSink() {
+  if (m_isOwner) close(m_descriptor);
+  if (!m_temporaryPath.empty() && !m_isKept) unlink(m_temporaryPath.c_str());
+}
+
+CZuError FileSink::Open(const std::string& path) {
+  if (m_descriptor != -1) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
+  }
+  std::error_code failure;
+  m_path = fs::is_symlink(path, failure) ? fs::weakly_canonical(path, failure).string() : path;
+  if (failure && m_path.empty()) {
+    return ErrorErrNo(ZU_HERE, failure.value(), "Failed to follow [%s]", path.c_str());
+  }
+  if (!fs::exists(m_path, failure) || fs::is_regular_file(m_path, failure)) return OpenBeside();
+  m_descriptor = open(m_path.c_str(), O_WRONLY | O_CLOEXEC);
+  if (m_descriptor == -1) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", m_path.c_str());
+  }
+  m_isOwner = true;
+  return {};
+}
+
+CZuError FileSink::OpenBeside() {
+  std::string path = m_path + ".XXXXXX";
+  m_descriptor = mkostemp(path.data(), O_CLOEXEC);
+  if (m_descriptor == -1) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to create a file beside [%s]", m_path.c_str());
+  }
+  m_isOwner = true;
+  m_temporaryPath = path;
+  if (fchmod(m_descriptor, PermissionsFor(m_path)) == 0) return {};
+  return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
+}
+
+CZuError FileSink::OpenForResume(const std::string& path, std::int64_t& offset) {
+  if (m_descriptor != -1) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
+  }
+  const std::string partPath = path + ".part";
+  m_descriptor = open(partPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  struct stat status;
+  if (m_descriptor == -1 || fstat(m_descriptor, &status) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", partPath.c_str());
+  }
+  m_isOwner = true;
+  m_isKept = true;
+  m_path = path;
+  m_temporaryPath = partPath;
+  offset = status.st_size;
+  return {};
+}
+
+void FileSink::Use(int descriptor) {
+  m_descriptor = descriptor;
+  m_path = "descriptor " + std::to_string(descriptor);
+}
+
+size_t FileSink::Write(char* data, size_t size, size_t count, void* instance) {
+  return static_cast<FileSink*>(instance)->WriteAll(data, size * count) ? size * count : 0;
+}
+
+bool FileSink::WriteAll(const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t count = write(m_descriptor, data, size);
+    if (count >= 0) {
+      data += count;
+      size -= static_cast<size_t>(count);
+    } else if (errno != EINTR) {
+      m_writeError = errno;
+      return false;
+    }
+  }
+  return true;
+}
+
+CZuError FileSink::Commit() {
+  if (m_writeError != 0) {
+    return ErrorErrNo(ZU_HERE, m_writeError, "Failed to write file [%s]", m_path.c_str());
+  }
+  if (!m_isOwner) return {};
+  m_isOwner = false;
+  const int descriptor = m_descriptor;
+  m_descriptor = -1;
+  if (close(descriptor) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to write file [%s]", m_path.c_str());
+  }
+  if (m_temporaryPath.empty()) return {};
+  if (rename(m_temporaryPath.c_str(), m_path.c_str()) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to replace file [%s]", m_path.c_str());
+  }
+  m_temporaryPath.clear();
+  return {};
+}
+
+size_t StringSink::Write(char* data, size_t size, size_t count, void* instance) {
+  auto* const sink = static_cast<StringSink*>(instance);
+  const size_t length = size * count;
+  sink->m_isOverLimit = length > sink->m_limit - sink->m_text.size();
+  if (sink->m_isOverLimit) return 0;
+  sink->m_text.append(data, length);
+  return length;
+}
+
+FileSource::~FileSource() { Close(); }
+
+CZuError FileSource::Open(const std::string& path) {
+  Close();
+  m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (m_descriptor == -1)
+    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path.c_str());
+  struct stat status;
+  if (fstat(m_descriptor, &status) != 0 || !S_ISDIR(status.st_mode)) return {};
+  Close();
+  return ErrorErrNo(ZU_HERE, EISDIR, "Failed to open file [%s]", path.c_str());
+}
+
+void FileSource::Close() {
+  if (m_descriptor != -1) close(m_descriptor);
+  m_descriptor = -1;
+}
+
+size_t FileSource::Read(char* buffer, size_t size, size_t count, void* instance) {
+  const int descriptor = static_cast<FileSource*>(instance)->m_descriptor;
+  ssize_t length = 0;
+  do {
+    length = read(descriptor, buffer, size * count);
+  } while (length == -1 && errno == EINTR);
+  return length == -1 ? CURL_READFUNC_ABORT : static_cast<size_t>(length);
+}
+
+size_t MemorySource::Read(char* buffer, size_t size, size_t count, void* instance) {
+  auto* const source = static_cast<MemorySource*>(instance);
+  const size_t length = std::min(size * count, source->m_size);
+  if (length > 0) std::memcpy(buffer, source->m_data, length);
+  source->m_data += length;
+  source->m_size -= length;
+  return length;
+}
+
+}  // namespace KdCURL

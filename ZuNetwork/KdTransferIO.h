@@ -1,0 +1,109 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "ZuNetwork/ZuNetworkExport.h"
+#include "ZuUtils/ZuError.h"
+
+namespace KdCURL {
+
+// Ready sinks for what a request receives and sources for what it sends. Each has a static function
+// that goes with the object as a callback pair:
+//
+//   KdCURL::FileSink sink;
+//   CZuError error = sink.Open("today.csv");
+//   request.setWriteCallBack(&sink, KdCURL::FileSink::Write);
+//   if (!Failed(error)) error = request.download("/today.csv", {});
+//   if (!Failed(error)) error = sink.Commit();
+//
+// The callback of a sink that fails ends the transfer with libcurl's code 23, that of a source with
+// code 42. An object serves one request at a time and is used by one thread. A failed system call
+// is ErrorErrNo with the path in the message.
+
+// Receives into a file that appears under its name only when it is complete: until Commit() the
+// bytes lie in a temporary file beside it, which the destructor removes. A symbolic link is
+// followed and stays; the permissions of a file that is replaced stay too. A name that is no
+// regular file (a device, a pipe) is written to directly.
+class ZUNETWORK_API FileSink {
+ public:
+  FileSink() = default;
+  ~FileSink();
+  FileSink(const FileSink&) = delete;
+  FileSink& operator=(const FileSink&) = delete;
+
+  CZuError Open(const std::string& path);
+
+  // Goes on with what an interrupted download left in the file "`path`.part", which also stays when
+  // this one is interrupted. `offset` is what is there, for KdProtocolReq::setResumeOffset().
+  CZuError OpenForResume(const std::string& path, std::int64_t& offset);
+
+  // Writes to a descriptor of the caller's, such as standard output, which stays open.
+  void Use(int descriptor);
+
+  // Gives the file its name and closes it; tells the reason when bytes could not be written.
+  CZuError Commit();
+
+  static std::size_t Write(char* data, std::size_t size, std::size_t count, void* instance);
+
+ private:
+  CZuError OpenBeside();
+  bool WriteAll(const char* data, std::size_t size);
+
+  int m_descriptor = -1;
+  bool m_isOwner = false;
+  bool m_isKept = false;  // the temporary file, when it is not complete
+  int m_writeError = 0;
+  std::string m_path;
+  std::string m_temporaryPath;  // empty when the target is written directly
+};
+
+// Receives into a string of at most `limit` bytes; what goes beyond is refused.
+class ZUNETWORK_API StringSink {
+ public:
+  explicit StringSink(std::size_t limit) : m_limit(limit) {}
+
+  const std::string& GetText() const { return m_text; }
+  bool IsOverLimit() const { return m_isOverLimit; }
+
+  static std::size_t Write(char* data, std::size_t size, std::size_t count, void* instance);
+
+ private:
+  std::string m_text;
+  std::size_t m_limit;
+  bool m_isOverLimit = false;
+};
+
+// Sends a file of any size.
+class ZUNETWORK_API FileSource {
+ public:
+  FileSource() = default;
+  ~FileSource();
+  FileSource(const FileSource&) = delete;
+  FileSource& operator=(const FileSource&) = delete;
+
+  // Opens the file from its start; one that is open is closed before.
+  CZuError Open(const std::string& path);
+  void Close();
+
+  static std::size_t Read(char* buffer, std::size_t size, std::size_t count, void* instance);
+
+ private:
+  int m_descriptor = -1;
+};
+
+// Sends bytes of the caller's, which need to live as long as the object is used.
+class ZUNETWORK_API MemorySource {
+ public:
+  MemorySource(const void* data, std::size_t size)
+      : m_data(static_cast<const char*>(data)), m_size(size) {}
+
+  static std::size_t Read(char* buffer, std::size_t size, std::size_t count, void* instance);
+
+ private:
+  const char* m_data;
+  std::size_t m_size;  // what is left
+};
+
+}  // namespace KdCURL

@@ -1,0 +1,126 @@
+#include "ZuNetwork/ZuFdset.h"
+
+namespace {
+
+// What the plain functions return when the set has no room for a descriptor, or no storage.
+constexpr int kNoRoom = -1;
+constexpr int kNoStorage = -2;
+
+}  // namespace
+
+void ZuFdset::maxsock_set(int n) { kdfdset_maxsock_set(n); }
+
+int ZuFdset::maxsock_get() { return kdfdset_maxsock_get(); }
+
+// The record is left as it is until it is needed: clearing it would be half the cost of a set.
+ZuFdset::ZuFdset() = default;
+
+ZuFdset::ZuFdset(const ZuFdset& other) { CopyFrom(other); }
+
+ZuFdset& ZuFdset::operator=(const ZuFdset& other) {
+  if (this != &other) CopyFrom(other);
+  return *this;
+}
+
+ZuFdset::~ZuFdset() {
+  if (isInitialize) kdfdset_free(&fdset);
+}
+
+CZuError ZuFdset::init() {
+  if (isInitialize) kdfdset_free(&fdset);
+  isInitialize = false;
+  if (kdfdset_alloc(maxsock_get(), &fdset) != 0) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorOutOfMemory, "Error allocating fdset");
+  }
+  isInitialize = true;
+  return {};
+}
+
+void ZuFdset::zero() {
+  EnsureInitialized();
+  kdfdset_zero(&fdset);
+}
+
+CZuError ZuFdset::set(KDSOCKET fd) {
+  if (!isInitialize) {
+    CZuError error = init();
+    if (Failed(error)) return error.Push(ZU_HERE);
+  }
+  const int result = kdfdset_set(fd, &fdset);
+  if (result == 0) return {};
+  if (result == kNoStorage) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+                                   "Bad fdset pointer passed to 'set' routine");
+  }
+  if (result == kNoRoom) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+                                   "Specified fd set is already full; Set size of %u",
+                                   fdset.sock_cnt);
+  }
+  return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+                                 "Unknown error %d setting fd in fd set", result);
+}
+
+CZuError ZuFdset::clr(KDSOCKET fd) {
+  if (!isInitialize) {
+    CZuError error = init();
+    if (Failed(error)) return error.Push(ZU_HERE);
+  }
+  const int result = kdfdset_clr(fd, &fdset);
+  if (result == 0) return {};
+  if (result == kNoStorage) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+                                   "Bad fdset pointer passed to 'clr' routine");
+  }
+  if (result == kNoRoom) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+                                   "Specified fd is out of bounds of this fd set; Set size of %u",
+                                   fdset.sock_cnt);
+  }
+  return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+                                 "Unknown error %d clearing fd in fd set", result);
+}
+
+int ZuFdset::is_set(int fd) {
+  EnsureInitialized();
+  return kdfdset_isset(fd, &fdset);
+}
+
+bool ZuFdset::reserve(KDSOCKET fd) {
+  EnsureInitialized();
+  // A copy from a smaller set takes the capacity back, while a heap block stays as large as it was
+  // made: for the maximum.
+  const bool grown = fdset.set != fdset.__pvt_buff;
+  const std::uint32_t room = grown ? fdset.max_sock_cnt : fdset.sock_cnt;
+  if (fdset.set != nullptr && static_cast<std::uint32_t>(fd) < room) return true;
+  return kdfdset_set(fd, &fdset) == 0 && kdfdset_clr(fd, &fdset) == 0;
+}
+
+fd_set* ZuFdset::get_fdsetp() {
+  EnsureInitialized();
+  return kdfdset_get_fdsetp(&fdset);
+}
+
+int ZuFdset::get_maxfd() {
+  EnsureInitialized();
+  return kdfdset_get_maxfd(&fdset);
+}
+
+void ZuFdset::CopyFrom(const ZuFdset& other) {
+  if (isInitialize) {
+    if (other.isInitialize && fdset.sock_cnt >= other.fdset.sock_cnt) {
+      kdfdset_copy_fdset(&fdset, &other.fdset);
+      return;
+    }
+    kdfdset_free(&fdset);
+    isInitialize = false;
+  }
+  if (!other.isInitialize) return;
+  kdfdset_alloc(static_cast<int>(other.fdset.sock_cnt), &fdset);
+  isInitialize = true;
+  kdfdset_copy_fdset(&fdset, &other.fdset);
+}
+
+void ZuFdset::EnsureInitialized() {
+  if (!isInitialize) (void)init();  // whatever is done next reports a set without storage
+}

@@ -1,0 +1,365 @@
+#include "ZuNetwork/ZuIPAddr.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <mutex>
+
+#include "ZuNetwork/ZuSocket.h"
+#include "ZuUtils/FXString.h"
+
+static_assert(sizeof(CZuIPAddr) == sizeof(ZUNET_SockAddr));
+static_assert(CZuIPAddr::FAMILY_ANY == AF_UNSPEC && CZuIPAddr::FAMILY_IPV4 == AF_INET &&
+              CZuIPAddr::FAMILY_IPV6 == AF_INET6);
+
+namespace {
+
+constexpr char kCollisionText[] = "DNS name collision occured";
+
+std::mutex gSetUpMutex;
+
+struct FreeList {
+  void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+using AddrInfoList = std::unique_ptr<addrinfo, FreeList>;
+
+// Returns 0 or the resolver's code.
+int Resolve(const char* name, CZuIPAddr::IP_FAMILY family, AddrInfoList& list) {
+  addrinfo hints{};
+  hints.ai_flags = AI_CANONNAME;
+  hints.ai_family = family == CZuIPAddr::FAMILY_ANY ? ZUNET_GetFamilyPreference() : family;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_protocol = IPPROTO_TCP;
+  addrinfo* found = nullptr;
+  const int result = getaddrinfo(name, nullptr, &hints, &found);
+  list.reset(found);
+  return result;
+}
+
+// Assigns the entry's address with port 0. False, and nothing changed, for other families.
+bool Assign(const addrinfo& entry, CZuIPAddr& address) {
+  if (entry.ai_family == AF_INET) {
+    sockaddr_in v4;
+    std::memcpy(&v4, entry.ai_addr, sizeof v4);
+    address = v4;
+  } else if (entry.ai_family == AF_INET6) {
+    sockaddr_in6 v6;
+    std::memcpy(&v6, entry.ai_addr, sizeof v6);
+    address = v6;
+  } else {
+    return false;
+  }
+  ZUNET_setport(&address.m_Addr, 0);
+  return true;
+}
+
+bool IsCollision(const CZuIPAddr& address) {
+  return CZuIPAddr::m_DummyIpInit.load(std::memory_order_acquire) &&
+         address == CZuIPAddr::m_DummyIp;
+}
+
+// Returns 0 or an errno value.
+int ReadHostName(char (&buffer)[NI_MAXHOST]) {
+  buffer[0] = '\0';
+  return ZUNET_gethostname(buffer, sizeof buffer);
+}
+
+// As atoi, and defined for numbers of any length.
+int ToInt(const std::string& text) {
+  const long number = std::strtol(text.c_str(), nullptr, 10);
+  return static_cast<int>(
+      std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+}
+
+// The word where an IPv4 address stands, whatever the family.
+std::uint32_t V4Word(const CZuIPAddr& address) {
+  std::uint32_t word;
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(&address.m_Addr);
+  std::memcpy(&word, bytes + offsetof(sockaddr_in, sin_addr), sizeof word);
+  return word;
+}
+
+// Sorts the texts and leaves each once.
+void SortUnique(std::vector<std::string>& texts) {
+  std::sort(texts.begin(), texts.end());
+  texts.erase(std::unique(texts.begin(), texts.end()), texts.end());
+}
+
+}  // namespace
+
+// Both hold their first values before any constructor of any library runs, so that values which are
+// made early find the collision address, or make it, and nothing clears it again behind them.
+CZuIPAddr CZuIPAddr::m_DummyIp{ConstantInitialized{}};
+std::atomic<bool> CZuIPAddr::m_DummyIpInit{false};
+
+namespace {
+
+const CZuIPAddr gFirst;  // makes the collision address when the library is loaded
+
+}  // namespace
+
+CZuIPAddr::CZuIPAddr() {
+  Clear();
+  if (!m_DummyIpInit.load(std::memory_order_acquire)) SetUpCollisionAddress();
+}
+
+CZuIPAddr::~CZuIPAddr() { Clear(); }
+
+CZuIPAddr::CZuIPAddr(const ZUNET_SockAddr& other) : m_Addr(other) {}
+
+CZuIPAddr& CZuIPAddr::operator=(const ZUNET_SockAddr& other) {
+  m_Addr = other;
+  return *this;
+}
+
+CZuIPAddr::CZuIPAddr(const sockaddr_in6& other) { *this = other; }
+
+CZuIPAddr& CZuIPAddr::operator=(const sockaddr_in6& other) {
+  static_assert(sizeof other == sizeof m_Addr);
+  std::memcpy(&m_Addr, &other, sizeof other);
+  return *this;
+}
+
+CZuIPAddr::CZuIPAddr(const sockaddr_in& other) {
+  std::memset(&m_Addr, 0, sizeof m_Addr);
+  *this = other;
+}
+
+CZuIPAddr& CZuIPAddr::operator=(const sockaddr_in& other) {
+  std::memcpy(&m_Addr, &other, sizeof other);
+  return *this;
+}
+
+void CZuIPAddr::Clear() {
+  std::memset(&m_Addr, 0, sizeof m_Addr);
+  m_Addr.addr.f.family = static_cast<std::uint16_t>(ZUNET_GetFamilyPreference());
+}
+
+void CZuIPAddr::SetAddressFamily(IP_FAMILY eFamily) {
+  Clear();
+  m_Addr.addr.f.family = static_cast<std::uint16_t>(eFamily);
+}
+
+bool CZuIPAddr::operator==(const CZuIPAddr& other) const {
+  if (m_Addr.addr.f.family != other.m_Addr.addr.f.family) return false;
+  if (m_Addr.addr.f.family == FAMILY_IPV4) return V4Word(*this) == V4Word(other);
+  return std::memcmp(&m_Addr.addr.v6.sin6_addr, &other.m_Addr.addr.v6.sin6_addr,
+                     sizeof(in6_addr)) == 0;
+}
+
+CZuError CZuIPAddr::SetPortNumber(int nPort) {
+  const int family = m_Addr.addr.f.family;
+  if (family != FAMILY_IPV4 && family != FAMILY_IPV6) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "Address family not set");
+  }
+  ZUNET_setport(&m_Addr, nPort);
+  return {};
+}
+
+int CZuIPAddr::GetPortNumber() const {
+  const int family = m_Addr.addr.f.family;
+  return family == FAMILY_IPV4 || family == FAMILY_IPV6 ? ZUNET_getport(&m_Addr) : 0;
+}
+
+CZuError CZuIPAddr::GetAddressString(CZuString& sAddrStr) const {
+  sAddrStr.Clear();
+  char text[INET6_ADDRSTRLEN];
+  const int err = ZUNET_ip2str(&m_Addr, text, sizeof text);
+  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  sAddrStr = text;
+  return {};
+}
+
+CZuError CZuIPAddr::SetAddressString(const char* szAddrStr) {
+  const int err = ZUNET_str2ip(szAddrStr, &m_Addr);
+  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  return {};
+}
+
+const char* CZuIPAddr::ConvertAddressFamilyToString(IP_FAMILY family) {
+  switch (family) {
+    case FAMILY_IPV4:
+      return "IPv4";
+    case FAMILY_IPV6:
+      return "IPv6";
+    default:
+      return "ANY";
+  }
+}
+
+CZuError CZuIPAddr::SetSubnetMaskFromCIDRPrefix(int prefix) {
+  if (prefix < 1 || prefix > 32) return {};
+  m_Addr.addr.f.family = FAMILY_IPV4;
+  m_Addr.addr.v4.sin_addr.s_addr = htonl(0xFFFFFFFFu << (32 - prefix));
+  return {};
+}
+
+CZuError CZuIPAddr::ConvertCIDRPrefixToSubnetMaskString(int prefix, CZuString& subnetMask) {
+  CZuIPAddr mask;
+  CZuError error = mask.SetSubnetMaskFromCIDRPrefix(prefix);
+  if (Failed(error)) return error.Push(ZU_HERE);
+  (void)mask.GetAddressString(subnetMask);  // no text says that there is no mask
+  return {};
+}
+
+CZuError CZuIPAddr::CheckIfIpv4AddressIsWithinCidrBlock(const std::string& ipAddress,
+                                                        const std::string& cidrBlock,
+                                                        bool& ipAddressWithinBlock) {
+  std::vector<std::string> parts;
+  FXString::Split(cidrBlock, "/", parts, 0);
+  if (parts.size() < 2) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Invalid CIDR block: [%s].",
+                                   cidrBlock.c_str());
+  }
+  CZuIPAddr mask;
+  CZuIPAddr network;
+  CZuIPAddr tested;
+  CZuError error = mask.SetSubnetMaskFromCIDRPrefix(ToInt(parts[1]));
+  if (!Failed(error)) error = network.SetAddressString(parts[0].c_str());
+  if (Failed(error)) return error.Push(ZU_HERE);
+  (void)tested.SetAddressString(ipAddress.c_str());  // no address is the cleared address
+  ipAddressWithinBlock = ((V4Word(tested) ^ V4Word(network)) & V4Word(mask)) == 0;
+  return {};
+}
+
+CZuError CZuIPAddr::GetByName(const char* szHostName, CZuIPAddr& Obj, IP_FAMILY eFamily) {
+  if (szHostName == nullptr) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
+  }
+  AddrInfoList list;
+  const int result = Resolve(szHostName, eFamily, list);
+  if (result != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, result);
+  const addrinfo* entry = list.get();
+  while (entry != nullptr && !Assign(*entry, Obj)) entry = entry->ai_next;
+  if (IsCollision(Obj)) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNameCollision, kCollisionText);
+  }
+  return {};
+}
+
+CZuError CZuIPAddr::GetAllByName(const char* szHostName, std::vector<CZuIPAddr>& ObjList,
+                                 IP_FAMILY eFamily) {
+  if (szHostName == nullptr) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
+  }
+  AddrInfoList list;
+  const int result = Resolve(szHostName, eFamily, list);
+  if (result != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, result);
+  for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
+    CZuIPAddr address;
+    if (!Assign(*entry, address)) continue;
+    if (IsCollision(address)) {
+      return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNameCollision, kCollisionText);
+    }
+    ObjList.push_back(address);
+  }
+  return {};
+}
+
+CZuError CZuIPAddr::GetLocalHost(CZuString& oHostName) {
+  char name[NI_MAXHOST];
+  const int err = ReadHostName(name);
+  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  oHostName = name;
+  return {};
+}
+
+CZuError CZuIPAddr::GetLocalHost(CZuIPAddr& Obj, IP_FAMILY eFamily) {
+  char name[NI_MAXHOST];
+  const int err = ReadHostName(name);
+  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  CZuError error = GetByName(name, Obj, eFamily);
+  if (Failed(error)) return error.Push(ZU_HERE);
+  return {};
+}
+
+CZuError CZuIPAddr::GetHostName(CZuString& sHostName) const {
+  sHostName.Clear();
+  char name[NI_MAXHOST];
+  const int err = ZUNET_ip2name(&m_Addr, name, sizeof name);
+  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  sHostName = name;
+  return {};
+}
+
+CZuError CZuIPAddr::IsAddrBindable(const CZuIPAddr& IPAddr, bool& bBindable) {
+  CZuSocket socket;
+  CZuError error = socket.Bind(IPAddr);
+  socket.Close();
+  bBindable = !Failed(error);
+  if (bBindable || FXErrorUtil::IsErrNo(error, EAFNOSUPPORT)) return {};
+  return error.Push(ZU_HERE);
+}
+
+CZuError CZuIPAddr::IsIPv4StackPresent(bool& bPresent) {
+  bPresent = false;
+  CZuIPAddr address;
+  CZuError error = address.SetAddressString("127.0.0.1");
+  if (!Failed(error)) error = IsAddrBindable(address, bPresent);
+  if (Failed(error)) return error.Push(ZU_HERE);
+  return {};
+}
+
+CZuError CZuIPAddr::IsIPv6StackPresent(bool& bPresent) {
+  bPresent = false;
+  CZuIPAddr address;
+  CZuError error = address.SetAddressString("::1");
+  if (!Failed(error)) error = IsAddrBindable(address, bPresent);
+  if (Failed(error)) return error.Push(ZU_HERE);
+  return {};
+}
+
+CZuError CZuIPAddr::GetAllInterfaces(GetAllInterfacesArgs_t& args, GetAllInterfacesRet_t& ret,
+                                     const IP_FAMILY& preferred_ip_family) {
+  if (!args.getIPList && !args.getHostnames) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument,
+                                   "Nothing requested in arguments.");
+  }
+  if (args.getHostnames) args.getIPList = true;
+  CZuIPAddr loopbackV4;
+  CZuIPAddr loopbackV6;
+  ZUNET_str2ip("127.0.0.1", &loopbackV4.m_Addr);
+  ZUNET_str2ip("::1", &loopbackV6.m_Addr);
+  (void)GetIFList(ret.ipListsa, preferred_ip_family);  // what there is serves
+  for (const CZuIPAddr& address : ret.ipListsa) {
+    if (address == loopbackV4 || address == loopbackV6) continue;
+    char text[128];
+    ZUNET_ip2str(&address.m_Addr, text, sizeof text);
+    ret.ipList.emplace_back(text);
+    char name[256];
+    if (args.getHostnames && ZUNET_ip2name(&address.m_Addr, name, sizeof name) == 0 &&
+        name[0] != '\0') {
+      ret.hostnameList.emplace_back(strlwr(name));
+    }
+  }
+  std::sort(ret.ipList.begin(), ret.ipList.end());
+  SortUnique(ret.hostnameList);
+  return {};
+}
+
+// Values are copied without a lock once the flag says that the address is there, so it is written
+// once only.
+void CZuIPAddr::SetUpCollisionAddress() {
+  const std::lock_guard<std::mutex> lock(gSetUpMutex);
+  if (m_DummyIpInit.load(std::memory_order_relaxed)) return;
+  ZUNET_SockAddr address{};
+  ZUNET_str2ip("127.0.53.53", &address);  // refused once it is known below, yet written
+  if (address.addr.f.family != FAMILY_IPV4) return;
+  m_DummyIp.m_Addr = address;
+  m_DummyIpInit.store(true, std::memory_order_release);
+}
+
+char* strlwr(char* s) {
+  for (char* c = s; *c != '\0'; ++c) {
+    *c = static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+  }
+  return s;
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstddef>
+#include <ctime>
+#include <list>
+#include <unordered_map>
+
+#include "ZuNetwork/ZuIPAddr.h"
+#include "ZuNetwork/ZuNetworkExport.h"
+#include "ZuUtils/ZuError.h"
+#include "ZuUtils/ZuString.h"
+
+// One address with what is held against it.
+struct CZuIPAddrBlacklistNode {
+  CZuIPAddr m_addr;
+  CZuString m_name;             // a name or reason, from when the entry was made
+  unsigned m_attempts = 0;      // from 1 up to the grace count
+  std::time_t m_timeAdded = 0;  // of the last attempt; every forgiven attempt moves it on
+};
+
+// Addresses to be shunned, for instance after failed attempts to log in. Each attempt counts; an
+// address is blacklisted once its attempts reach the grace count. With an expiration time, one
+// attempt is forgiven for each such period since the last one, and an entry without attempts is
+// gone. All this happens when the address is asked for, by the wall clock.
+//
+// Addresses are told apart by family and address, not by port. Adding and asking take the same time
+// however long the list is. Used by one thread at a time, also for asking.
+class ZUNETWORK_API CZuIPAddrBlacklist {
+ public:
+  CZuIPAddrBlacklist();  // empty, never forgives, grace count 1
+  ~CZuIPAddrBlacklist();
+  CZuIPAddrBlacklist(const CZuIPAddrBlacklist&) = delete;
+  CZuIPAddrBlacklist& operator=(const CZuIPAddrBlacklist&) = delete;
+
+  // The period in seconds; 0 and below: no attempt is forgiven.
+  void SetExpirationTime(int seconds);
+
+  // Counts that are there stay until the next attempt.
+  void SetGraceAttempts(unsigned int attempts);
+
+  // Counts an attempt, up to the grace count, or adds the address with count 1. The name of an
+  // entry that exists stays. Does not fail.
+  CZuError AddAddressToBlacklist(const CZuIPAddr& addr, const CZuString& name);
+  CZuError AddAddressToBlacklist(const CZuIPAddr& addr);
+
+  // Whether the address is blacklisted. Name and count (each may be null) are those of the entry,
+  // also when its count is below the grace count; empty and 0 without one.
+  bool IsAddressBlacklisted(const CZuIPAddr& addr, CZuString* name, unsigned int* attempts);
+
+  // Enumerate the entries in the order of their addition. Pointers may be null. `timeAdded` is in
+  // seconds since 1970; `timeRemaining` is the time to the next forgiven attempt, 0 when one is
+  // overdue and -1 when none will be. Nothing is forgiven here. After the last entry, before the
+  // first call of GetFirst and after the entry that would be next is gone: ErrorWin32 259 "End of
+  // blacklist reached", and nothing is written.
+  CZuError GetFirstBlacklistEntry(CZuIPAddr& addr, CZuString* name, unsigned int* attempts,
+                                  std::time_t* timeAdded, std::time_t* timeRemaining);
+  CZuError GetNextBlacklistEntry(CZuIPAddr& addr, CZuString* name, unsigned int* attempts,
+                                 std::time_t* timeAdded, std::time_t* timeRemaining);
+
+  // Adds every address of a text file with a host name or numeric address on each line, each
+  // resolved in turn. Nothing is stripped but the line feed; empty lines and what does not resolve
+  // are skipped. A line feed at the end of the file makes the last line count twice. Lines above
+  // 1023 characters fall into pieces.
+  //   ErrorWin32 errno  "Failed to open file, FileName=%s" or "Failed to read file, FileName=%s"
+  //   ErrorWin32 14     no memory for the line
+  //   ErrorWin32 87     "Null parameter passed"
+  // Addresses that were read before a failure stay.
+  CZuError LoadBlacklistFromFile(const char* fileName);
+
+ protected:
+  using Entries = std::list<CZuIPAddrBlacklistNode>;
+
+  struct AddressHash {
+    std::size_t operator()(const CZuIPAddr& addr) const;
+  };
+
+  bool ForgiveAttempts(Entries::iterator entry);
+  void Remove(Entries::iterator entry);
+  void AddAllAddressesOf(const char* hostName);
+
+  int m_expirationTime = 0;
+  unsigned m_graceAttempts = 1;
+  Entries m_blacklist;
+  Entries::iterator m_blacklistIterator = m_blacklist.end();  // what GetNext returns next
+  std::unordered_map<CZuIPAddr, Entries::iterator, AddressHash> m_index;
+};

@@ -1,0 +1,2 @@
+// Links the network library and does nothing.
+int main() { return 0; }
