@@ -95,9 +95,7 @@ CZuError KdFTPReq::setMethodParameter() {
       SetOption(CURLOPT_DIRLISTONLY, 1);
       return {};
     case OP_GET_FILE_INFO:
-      SetOption(CURLOPT_NOBODY, 1);
-      SetOption(CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(getContentSize));
-      SetOption(CURLOPT_HEADER, 0);
+      SetSizeQuery();
       return {};
     case OP_CHECK_FILE_DIR_EXIST:
     case OP_GET_INFO:
@@ -141,9 +139,7 @@ CZuError KdFTPReq::unsetOpTypeParameter() {
       SetOption(CURLOPT_DIRLISTONLY, 0);
       break;
     case OP_GET_FILE_INFO:
-      SetOption(CURLOPT_NOBODY, 0);
-      SetOption(CURLOPT_HEADERFUNCTION, kNull);
-      SetOption(CURLOPT_HEADER, 0);
+      UnsetSizeQuery();
       break;
     case OP_CHECK_FILE_DIR_EXIST:
     case OP_GET_INFO:

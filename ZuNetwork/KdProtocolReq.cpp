@@ -133,6 +133,18 @@ CZuError KdProtocolReq::SetHeaderLines(const FXCodeLocation& where, CURLoption o
   return SetOptions(where, {{option, static_cast<void*>(list)}});
 }
 
+void KdProtocolReq::SetSizeQuery() {
+  SetOption(CURLOPT_NOBODY, 1);
+  SetOption(CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(getContentSize));
+  SetOption(CURLOPT_HEADER, 0);
+}
+
+void KdProtocolReq::UnsetSizeQuery() {
+  SetOption(CURLOPT_NOBODY, 0);
+  SetOption(CURLOPT_HEADERFUNCTION, static_cast<void*>(nullptr));
+  SetOption(CURLOPT_HEADER, 0);
+}
+
 CZuError KdProtocolReq::setSecured(bool isSecured, const std::string& caBundlePath) {
   if (!isSecured) {
     return Configure(ZU_HERE, kNotInitialized,
@@ -301,23 +313,19 @@ CZuError KdProtocolReq::SetCallersOptions() {
 }
 
 CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
-  constexpr double kMicrosecondsPerSecond = 1e6;
-  curl_off_t nameLookup = 0;
-  curl_off_t connect = 0;
-  curl_off_t tls = 0;
-  curl_off_t firstByte = 0;
-  curl_off_t total = 0;
+  enum { kNameLookup, kConnect, kTls, kFirstByte, kTotal, kTimes };
+  curl_off_t microseconds[kTimes] = {};
   const char* address = nullptr;
   long version = 0;
   TransferTimes result;
   const struct {
     CURLINFO info;
     void* out;
-  } parts[] = {{CURLINFO_NAMELOOKUP_TIME_T, &nameLookup},
-               {CURLINFO_CONNECT_TIME_T, &connect},
-               {CURLINFO_APPCONNECT_TIME_T, &tls},
-               {CURLINFO_STARTTRANSFER_TIME_T, &firstByte},
-               {CURLINFO_TOTAL_TIME_T, &total},
+  } parts[] = {{CURLINFO_NAMELOOKUP_TIME_T, &microseconds[kNameLookup]},
+               {CURLINFO_CONNECT_TIME_T, &microseconds[kConnect]},
+               {CURLINFO_APPCONNECT_TIME_T, &microseconds[kTls]},
+               {CURLINFO_STARTTRANSFER_TIME_T, &microseconds[kFirstByte]},
+               {CURLINFO_TOTAL_TIME_T, &microseconds[kTotal]},
                {CURLINFO_SIZE_DOWNLOAD_T, &result.bytesReceived},
                {CURLINFO_SIZE_UPLOAD_T, &result.bytesSent},
                {CURLINFO_SPEED_DOWNLOAD_T, &result.receiveSpeed},
@@ -328,11 +336,12 @@ CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
     const CURLcode code = CurlWrapper::gCurlWrapper.Curl_easy_getinfo(Handle(), info, out);
     if (code != CURLE_OK) return ErrorKdCURL(ZU_HERE, code, "Failed to get info [%d]", info);
   }
-  result.nameLookup = static_cast<double>(nameLookup) / kMicrosecondsPerSecond;
-  result.connect = static_cast<double>(connect) / kMicrosecondsPerSecond;
-  result.tls = static_cast<double>(tls) / kMicrosecondsPerSecond;
-  result.firstByte = static_cast<double>(firstByte) / kMicrosecondsPerSecond;
-  result.total = static_cast<double>(total) / kMicrosecondsPerSecond;
+  const auto seconds = [&](int which) { return static_cast<double>(microseconds[which]) / 1e6; };
+  result.nameLookup = seconds(kNameLookup);
+  result.connect = seconds(kConnect);
+  result.tls = seconds(kTls);
+  result.firstByte = seconds(kFirstByte);
+  result.total = seconds(kTotal);
   result.address = address == nullptr ? "" : address;
   result.httpVersion = HttpVersion(version);
   times = std::move(result);

@@ -334,6 +334,10 @@ class ZUNETWORK_API KdProtocolReq {
     return CurlWrapper::gCurlWrapper.Curl_easy_setopt(Handle(), option, value);
   }
 
+  // A request for the size alone, whose headers are swallowed; and back.
+  void SetSizeQuery();
+  void UnsetSizeQuery();
+
   // Null before initialize() and when libcurl could not be loaded; libcurl refuses it.
   CURL* Handle() const { return m_curlContext == nullptr ? nullptr : m_curlContext->m_curl; }
 
