@@ -21,16 +21,10 @@ constexpr char kOptionRefused[] = "Failed to set option [%d]";
 static_assert(std::is_same_v<curl_write_callback, curl_read_callback>,
               "one helper sets callbacks of both kinds");
 
-// The kinds of values, by the ranges of option numbers that libcurl gives them.
+// By the ranges of option numbers that libcurl gives each kind of value.
 bool TakesNumber(CURLoption option) {
   return option < CURLOPTTYPE_OBJECTPOINT ||
          (option >= CURLOPTTYPE_OFF_T && option < CURLOPTTYPE_BLOB);
-}
-
-// Strings share their range with pointers of all kinds; libcurl knows which is which.
-bool TakesString(CURLoption option) {
-  return option >= CURLOPTTYPE_OBJECTPOINT && option < CURLOPTTYPE_FUNCTIONPOINT &&
-         CurlWrapper::gCurlWrapper.IsStringOption(option);
 }
 
 const char* HttpVersion(long version) {
@@ -281,7 +275,7 @@ CZuError KdProtocolReq::setOption(int option, long value) {
 CZuError KdProtocolReq::setOption(int option, const std::string& value) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  if (!TakesString(static_cast<CURLoption>(option))) {
+  if (!CurlWrapper::gCurlWrapper.IsStringOption(static_cast<CURLoption>(option))) {
     return ErrorInt(ZU_HERE, kErrorBadInput, "Option [%d] takes no such value", option);
   }
   return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
