@@ -23,7 +23,8 @@ constexpr char kCollisionText[] = "DNS name collision occured";
 constexpr int kAllSucceed = 1 << 30;
 std::atomic<int> gSuccesses{0};
 std::atomic<int> gConversions{0};
-std::atomic<int> gLists{0};  // not yet released
+std::atomic<int> gLists{0};               // not yet released
+std::atomic<bool> gNamesAreEmpty{false};  // names are found, but have no address
 
 void ExpectNotRefused() {
   CZuIPAddr address;
@@ -66,6 +67,10 @@ int getaddrinfo(const char* name, const char* service, const addrinfo* hints, ad
       return EAI_MEMORY;
     }
   }
+  if (gNamesAreEmpty) {
+    *list = nullptr;
+    return 0;
+  }
   const int result = next(name, service, hints, list);
   if (result == 0) ++gLists;
   return result;
@@ -95,6 +100,15 @@ TEST(CollisionAddress, RefusesNothingUntilItIsKnown) {
     EXPECT_FAILS(address.SetAddressString("127.0.53.53"), ErrNoCode(EAI_MEMORY), "");
     EXPECT_EQ(Text(address), "10.1.2.3");
     EXPECT_EQ(gLists, 0);
+  });
+}
+
+TEST(CollisionAddress, IsNothingThatAClearedValueCouldEqual) {
+  namespaces::RunInChild([] {
+    gNamesAreEmpty = true;
+    CZuIPAddr address;
+    EXPECT_OK(CZuIPAddr::GetByName("host", address, kAny));
+    EXPECT_TRUE(address == CZuIPAddr::m_DummyIp);
   });
 }
 

@@ -13,11 +13,8 @@
 
 namespace {
 
-using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 using testing::UnorderedElementsAre;
 
 constexpr auto kAny = CZuIPAddr::FAMILY_ANY;
