@@ -60,6 +60,10 @@ Kernel* gKernel = nullptr;
 const char* gTable = nullptr;  // stands for /proc/net/if_inet6; null: the system's
 bool gHasTable = true;
 
+std::ptrdiff_t CountDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 // While it lives, the system calls reach the made-up kernel, which has no IPv6.
 class MadeUp : public testing::Test {
  protected:
@@ -90,10 +94,6 @@ class MadeUp : public testing::Test {
   Kernel kernel;
 
  private:
-  static std::ptrdiff_t CountDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-  }
-
   std::ptrdiff_t m_descriptors;
 };
 
@@ -617,7 +617,9 @@ TEST(Network, WithABadTableOfV6) {
     namespaces::HideFolder("/proc/net");
     const std::string table = kGlobal + std::string(kRest) + "nonsense\n";
     ASSERT_TRUE(namespaces::WriteFile("/proc/net/if_inet6", table));
+    const std::ptrdiff_t descriptors = CountDescriptors();
     ExpectBothFail(Win32Code(774), "Invalid contents of /proc/net/if_inet6: nonsense\n", kAny);
+    EXPECT_EQ(CountDescriptors(), descriptors);
     Pairs pairs;
     EXPECT_FAILS(CZuIPAddr::GetIFList(pairs, kAny), Win32Code(774), "nonsense");
     EXPECT_THAT(Texts(pairs),
