@@ -19,8 +19,8 @@ inline testing::AssertionResult IsFailure(const CZuError& error, unsigned code, 
   if (actual == code && rendered.find(text) != std::string::npos) {
     return testing::AssertionSuccess();
   }
-  return testing::AssertionFailure()
-         << "expected 0x" << std::hex << code << " with \"" << text << "\", got " << rendered;
+  return testing::AssertionFailure() << "expected 0x" << std::hex << code << " with \"" << text
+                                     << "\", got " << rendered;
 }
 
 #define ASSERT_OK(expr) ASSERT_TRUE(IsOk(expr))
