@@ -104,6 +104,8 @@ using ReplacedSelect = Replacement<SelectFunction>;
 using ReplacedSocket = Replacement<SocketFunction>;
 using ReplacedLookup = Replacement<LookupFunction>;
 
+inline std::atomic<int> gLastBacklog{-1};
+
 // What one send or recv moves at most.
 inline std::atomic<std::size_t> gMostBytes{SIZE_MAX};
 
@@ -192,6 +194,7 @@ int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
 
 int listen(int fd, int backlog) noexcept {
   static const auto next = ZUTEST_NEXT(listen);
+  system_calls::gLastBacklog = backlog;
   return system_calls::Fails(system_calls::kListen) ? -1 : next(fd, backlog);
 }
 
