@@ -268,6 +268,19 @@ TEST_P(ZuSocketAccept, SignalEndsTheWait) {
   ExpectNothingAccepted();
 }
 
+TEST_P(ZuSocketAccept, WaitThatFailsWithoutAReasonIsNoTimeOut) {
+  ASSERT_OK(client.Connect(address));
+  const system_calls::ReplacedSelect odd(system_calls::gSelect,
+                                         [&](int, fd_set* in, fd_set*, fd_set* except, timeval*) {
+                                           FD_CLR(descriptor, in);
+                                           FD_CLR(descriptor, except);
+                                           errno = 0;
+                                           return -1;
+                                         });
+  ASSERT_OK(listener.AcceptWithTimeout(accepted, 5, &timedOut));
+  EXPECT_EQ(timedOut, 0);
+}
+
 TEST_P(ZuSocketAccept, FailedAcceptPassesUnchanged) {
   ASSERT_OK(client.Connect(address));
   for (const int timeout : {5, 0}) {

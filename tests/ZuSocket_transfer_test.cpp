@@ -1,6 +1,7 @@
 #include <netinet/in.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <thread>
 
@@ -148,6 +149,27 @@ TEST_P(ZuSocketTransfer, PeekLeavesTheBytes) {
   EXPECT_STREQ(buffer, "pingre");
 }
 
+TEST_F(ZuSocketStream, PeekGoesOnUntilAllIsThere) {
+  ASSERT_OK(near.Send("ping", 4, 0, nullptr));
+  std::thread late([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_OK(near.Send("pong", 4, 0, nullptr));
+  });
+  EXPECT_OK(far.Recv(buffer, 8, MSG_PEEK, &count));
+  late.join();
+  EXPECT_EQ(count, 8);
+  EXPECT_STREQ(buffer, "pingpong");
+}
+
+TEST_F(ZuSocketStream, TimedPeekForMoreThanWillComeTimesOut) {
+  ASSERT_OK(near.Send("ping", 4, 0, nullptr));
+  near.Close();
+  EXPECT_FAILS(far.RecvWithTimeout(buffer, 8, 1, &timedOut, MSG_PEEK, &count), Win32Code(774),
+               kReceiveTimedOut);
+  EXPECT_EQ(timedOut, 1);
+  EXPECT_EQ(count, 4);
+}
+
 TEST_F(ZuSocketStream, CountIsStoredWhenReceivingFails) {
   ASSERT_OK(far.Send("ping", 4, 0, nullptr));
   ASSERT_OK(near.SetToNonBlocking());
@@ -293,6 +315,23 @@ TEST_F(ZuSocketStream, SentPartIsCountedAtTheTimeOut) {
   EXPECT_LT(count, static_cast<int>(bytes.size()));
   EXPECT_FAILS(error, Win32Code(774), kSendTimedOut);
   EXPECT_EQ(timedOut, 1);
+}
+
+TEST_F(ZuSocketStream, BlockingSocketMaySendLongerThanTheTimeOut) {
+  const FakeClock clock;
+  const std::vector<char> bytes(1 << 22);
+  const int length = static_cast<int>(bytes.size());
+  std::thread reader([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    system_calls::gFakeMilliseconds += 100'000;
+    std::vector<char> received(bytes.size());
+    EXPECT_OK(far.Recv(received.data(), length, 0, nullptr));
+  });
+  EXPECT_OK(near.SendWithTimeOut(bytes.data(), length, 1, &timedOut, 0, &count));
+  reader.join();
+  EXPECT_EQ(count, length);
+  EXPECT_EQ(timedOut, 0) << "one call of the system took it all";
+  EXPECT_GE(clock.PassedMilliseconds(), 100'000);
 }
 
 TEST_P(ZuSocketTransfer, SlowReaderGetsAllOfALargeSend) {
