@@ -420,13 +420,13 @@ TEST_F(ZuSocketSelector, DescriptorBeyondTheMaximumIsRefused) {
 }
 
 TEST_F(ZuSocketSelector, HighestDescriptorBelowTheMaximumIsAccepted) {
-  const std::size_t callocs = counted_calloc::gCount;
+  const std::size_t callocs = counted_calloc::Count();
   const WatchedSelect watched;
   OpenSelector selector;
   EXPECT_OK(selector.Register(SocketOf(8191)));
   EXPECT_OK(selector.Select(&kNow, &timedOut)) << "the system skips what it never handed out";
   EXPECT_EQ(watched.count, 8192);
-  EXPECT_EQ(counted_calloc::gCount, callocs) << "no set had to grow";
+  EXPECT_EQ(counted_calloc::Count(), callocs) << "no set had to grow";
 }
 
 TEST_F(ZuSocketSelectorHigh, RegistrationWithoutMemoryIsNotWaitedOn) {

@@ -470,7 +470,7 @@ TEST_P(ZuSocketTransfer, NoHeapMemoryIsNeeded) {
   ASSERT_LT(near.GetDescriptor(), static_cast<int>(KDFDSET_INTERNAL_SOCKETS));
   CZuIPAddr address;
   const std::size_t news = allocations::gCount;
-  const std::size_t callocs = counted_calloc::gCount;
+  const std::size_t callocs = counted_calloc::Count();
   for (int round = 0; round < 10; ++round) {
     const bool ok = !Failed(near.Send("ping", 4, 0, &count)) &&
                     !Failed(far.Recv(buffer, 4, 0, &count)) &&
@@ -480,7 +480,7 @@ TEST_P(ZuSocketTransfer, NoHeapMemoryIsNeeded) {
     if (!ok) FAIL();
   }
   EXPECT_EQ(allocations::gCount - news, 0u);
-  EXPECT_EQ(counted_calloc::gCount - callocs, 0u);
+  EXPECT_EQ(counted_calloc::Count() - callocs, 0u);
 }
 
 TEST_F(ZuSocketStream, HighDescriptorWithoutMemoryMovesNothing) {
@@ -488,12 +488,12 @@ TEST_F(ZuSocketStream, HighDescriptorWithoutMemoryMovesNothing) {
   ASSERT_EQ(dup2(near.GetDescriptor(), 9000), 9000);
   OwnedSocket high(9000);
   ZuFdset::maxsock_set(9001);
-  const std::size_t callocs = counted_calloc::gCount;
+  const std::size_t callocs = counted_calloc::Count();
   {
     const counted_calloc::NoCalloc none;
     EXPECT_FAILS(high.SendWithTimeOut("x", 1, 5, &timedOut, 0, &count), Win32Code(774), kShutdown);
   }
-  EXPECT_GT(counted_calloc::gCount, callocs) << "what counts the memory sees it";
+  EXPECT_GT(counted_calloc::Count(), callocs) << "what counts the memory sees it";
   EXPECT_EQ(timedOut, 0);
   ZuFdset::maxsock_set(KDFDSET_INTERNAL_SOCKETS);
 }
