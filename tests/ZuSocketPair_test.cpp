@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "ZuNetwork/ZuFdset.h"
-#include "support/Sockets.h"
+#include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
 // Accepting with a time-out, and pairs of sockets.

@@ -11,7 +11,7 @@
 #include <type_traits>
 
 #include "support/CountedCalloc.h"
-#include "support/Sockets.h"
+#include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include "support/Sockets.h"
+#include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
 // Datagrams to and from the object's address, for which the ICMP functions serve.

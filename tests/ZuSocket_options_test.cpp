@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "support/Sockets.h"
+#include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
 // Options, blocking modes, the read queue and shutting down.

@@ -4,7 +4,7 @@
 #include <functional>
 #include <type_traits>
 
-#include "support/Sockets.h"
+#include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include "ZuNetwork/ZuFdset.h"
 #include "support/Allocations.h"
 #include "support/CountedCalloc.h"
-#include "support/Sockets.h"
+#include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
 // Moving data: plain, with a time-out and as datagrams.
