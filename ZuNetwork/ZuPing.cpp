@@ -28,6 +28,8 @@ constexpr std::uint32_t kReceiveOverhead = 1032;
 
 constexpr unsigned char kFill = 0xA5;
 
+constexpr char kNoBuffers[] = "Ping buffers are not prepared";
+
 // Milliseconds since 1970, none for no time. Whole seconds and the rest are scaled apart, the rest
 // to tenths of a microsecond.
 double Milliseconds(CTimeStamp time) {
@@ -180,14 +182,14 @@ CZuError CZuPing::closePingSocket() {
 }
 
 CZuError CZuPing::prepareBuffer() {
-  if (!m_pPingSendBuffer) {
+  const bool isNew = !m_pPingSendBuffer;
+  if (isNew) {
     m_sendPacketSize = m_bufferSize + kSendOverhead;
     m_pPingSendBuffer = AllocatePacket(std::uint64_t{m_bufferSize} + kSendOverhead);
     if (!m_pPingSendBuffer) {
       return FXErrorUtil::ErrorKDResult(ZU_HERE, ZUPING_RESULT_MEMORY_ALLOCATION_FAILED,
                                         "Ping send-buffer allocation failed");
     }
-    std::memset(m_pPingSendBuffer.get(), kFill, m_sendPacketSize);
   }
   if (!m_pPingRecvBuffer) {
     m_recvPacketSize = m_bufferSize + kReceiveOverhead;
@@ -198,6 +200,8 @@ CZuError CZuPing::prepareBuffer() {
                                         "Ping recv-buffer allocation failed");
     }
   }
+  // Not before both are there: filling takes memory that allocating alone does not.
+  if (isNew) std::memset(m_pPingSendBuffer.get(), kFill, m_sendPacketSize);
   m_processId = static_cast<std::uint16_t>(FXProcess().getProcessId());
   WriteHeader({kEchoRequest, 0, 0, m_processId, 0});
   return {};
@@ -214,6 +218,9 @@ void CZuPing::WriteHeader(const kdicmp& header) {
 }
 
 CZuError CZuPing::sendPingRequest(unsigned sequence, bool& timedOut, CTimeStamp& sendTime) {
+  if (!m_pPingSendBuffer) {
+    return FXErrorUtil::ErrorKDResult(ZU_HERE, ZUPING_RESULT_FAILURE, kNoBuffers);
+  }
   kdicmp header{kEchoRequest, 0, 0, m_processId, static_cast<std::uint16_t>(sequence)};
   WriteHeader(header);
   header.checksum = InternetChecksum(m_pPingSendBuffer.get(), m_sendPacketSize);
@@ -231,6 +238,9 @@ CZuError CZuPing::sendPingRequest(unsigned sequence, bool& timedOut, CTimeStamp&
 
 CZuError CZuPing::recvAndProcessPingResponse(ZuPingResponse& response, ZuPingResult& result,
                                              CTimeStamp& recvTime) {
+  if (!m_pPingRecvBuffer) {
+    return FXErrorUtil::ErrorKDResult(ZU_HERE, ZUPING_RESULT_FAILURE, kNoBuffers);
+  }
   std::memset(m_pPingRecvBuffer.get(), 0, m_recvPacketSize);  // a short reply has no old content
   int timedOut = 0;
   int received = 0;
