@@ -37,9 +37,9 @@ double Milliseconds(CTimeStamp time) {
   constexpr std::int64_t kTicksPerSecond = 10'000'000;
   const std::int64_t ticks = time.GetTicks();
   if (ticks == 0) return 0.0;
-  const auto seconds = static_cast<double>((ticks - kUnixEpochTicks) / kTicksPerSecond);
+  const std::int64_t seconds = (ticks - kUnixEpochTicks) / kTicksPerSecond;
   const auto rest = static_cast<double>(ticks % kTicksPerSecond);
-  return seconds * 1000.0 + rest * 100.0 / 1'000'000.0;
+  return static_cast<double>(seconds) * 1000.0 + rest * 100.0 / 1'000'000.0;
 }
 
 // A time that ends before it starts wraps around.
@@ -275,7 +275,7 @@ CZuError CZuPing::recvAndProcessPingResponse(ZuPingResponse& response, ZuPingRes
 
 // Judges the reply in the receive buffer, whose checksum field it clears.
 KD_PING_STATE CZuPing::Classify(std::size_t received) {
-  const std::size_t start = (m_pPingRecvBuffer[offsetof(kdIPhdr, vihl)] & 15u) * 4;
+  const std::size_t start = (m_pPingRecvBuffer[offsetof(kdIPhdr, vihl)] & std::size_t{15}) * 4;
   unsigned char* const message = m_pPingRecvBuffer.get() + start;
   kdicmp header;
   std::memcpy(&header, message, sizeof header);

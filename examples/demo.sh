@@ -121,7 +121,10 @@ echo "   the file of the earlier download is still whole: $(wc -c <"$folder/back
 say "Pipe 1 GiB of noise from one zunet to another (CZuSocketSelector)"
 "$zunet" listen 0 --timeout 10 </dev/null 2>"$folder/listen.log" | sha256sum >"$folder/received" &
 receiver=$!
-until grep -q 'listening on port' "$folder/listen.log"; do sleep 0.1; done
+until grep -q 'listening on port' "$folder/listen.log"; do
+  kill -0 "$receiver"
+  sleep 0.1
+done
 port=$(sed -n 's/.*listening on port //p' "$folder/listen.log")
 head -c 1G /dev/urandom | tee >(sha256sum >"$folder/sent") | "$zunet" connect 127.0.0.1 "$port"
 wait "$receiver"

@@ -59,40 +59,47 @@ class Report : public CZuPingCallback {
 
   void OnPingLog(const char* /*message*/) override {}  // the lines say as much
 
-  // Nothing is printed once this has returned, unless the lock is let go.
-  std::unique_lock<std::mutex> PrintSummary() {
-    std::unique_lock lock(m_mutex);
+  // While the series still runs: it prints nothing more, and nothing may be torn down under it.
+  [[noreturn]] void EndProgram() {
+    m_mutex.lock();
+    PrintSummary();
+    std::_Exit(ExitStatus());
+  }
+
+  // The rest is for when the series is over.
+
+  void PrintSummary() const {
     const double lost = m_sent == 0 ? 0.0 : 100.0 * (m_sent - m_received) / m_sent;
-    std::printf("%u sent, %u received, %.3g%% lost\n", m_sent, m_received, lost);
+    std::printf("%u sent, %u received, %.4g%% lost\n", m_sent, m_received, lost);
     if (m_received > 0) {
-      std::printf("time min/avg/max = %" PRIu64 "/%.3f/%" PRIu64 " ms\n", m_shortest,
+      std::printf("time min/avg/max = %" PRId64 "/%.3f/%" PRId64 " ms\n", m_shortest,
                   static_cast<double>(m_total) / m_received, m_longest);
     }
     std::fflush(stdout);
-    return lock;
   }
 
-  // These with the lock of PrintSummary, or when the series is over.
   bool HasSent() const { return m_sent > 0; }
   int ExitStatus() const { return m_received > 0 ? EXIT_SUCCESS : kExitNoReply; }
 
  private:
   void AddReply(const ZuPingResponse& response) {
-    const std::uint64_t time = response.currentPingtimeMS;
+    // Below zero when the clock was set back.
+    const auto time =
+        std::max<std::int64_t>(0, static_cast<std::int64_t>(response.currentPingtimeMS));
     m_shortest = m_received == 0 ? time : std::min(m_shortest, time);
     m_longest = std::max(m_longest, time);
     m_total += time;
     ++m_received;
-    std::printf("%u bytes from %s: seq=%u ttl=%u time=%" PRIu64 " ms\n", response.sizeSent,
+    std::printf("%u bytes from %s: seq=%u ttl=%u time=%" PRId64 " ms\n", response.sizeSent,
                 response.serverIP.c_str(), response.currentPingSequenceNumber, response.ttl, time);
   }
 
   std::mutex m_mutex;
   unsigned m_sent = 0;
   unsigned m_received = 0;
-  std::uint64_t m_shortest = 0;
-  std::uint64_t m_longest = 0;
-  std::uint64_t m_total = 0;
+  std::int64_t m_shortest = 0;
+  std::int64_t m_longest = 0;
+  std::int64_t m_total = 0;
 };
 
 // The series has a thread of its own, so that Ctrl-C need not wait for a sleep or a reply.
@@ -114,12 +121,9 @@ void Run(const Arguments& arguments) {
   });
   int signal = 0;
   sigwait(&signals, &signal);
-  if (signal == SIGINT) {
-    const auto lock = report.PrintSummary();
-    std::_Exit(report.ExitStatus());  // the series still runs: nothing may be torn down
-  }
+  if (signal == SIGINT) report.EndProgram();
   series.join();
-  if (!Failed(error) || report.HasSent()) (void)report.PrintSummary();
+  if (!Failed(error) || report.HasSent()) report.PrintSummary();
   ExitOnFailure(error);
   if (report.ExitStatus() != EXIT_SUCCESS) throw CLI::RuntimeError(report.ExitStatus());
 }

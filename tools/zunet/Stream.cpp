@@ -39,7 +39,7 @@ class Buffer {
   void Drop(int count) { m_start += count; }
 
  private:
-  std::array<char, 128 * 1024> m_bytes;
+  std::array<char, 131'072> m_bytes;
   int m_start = 0;
   int m_end = 0;
 };
