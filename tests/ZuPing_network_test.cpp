@@ -86,11 +86,13 @@ namespace {
 // ---- The tests ----
 
 std::vector<std::string> gSleepsTold;
+const ZuPingResult* gSeries = nullptr;  // whose sleeps they are
 
 void OnSleep(const ZuSleepCallBackStruct& sleep) {
   const std::string file = sleep.pFile;
   gSleepsTold.push_back(std::to_string(sleep.nMilliseconds) + " ms in " +
-                        file.substr(file.rfind('/') + 1));
+                        file.substr(file.rfind('/') + 1) + ", " +
+                        std::to_string(gSeries->buffersSent) + " sent");
 }
 
 class ZuPingNetwork : public testing::Test {
@@ -101,6 +103,7 @@ class ZuPingNetwork : public testing::Test {
     gClock.clear();
     gSleeps = 0;
     gSleepsTold.clear();
+    gSeries = &result;
   }
 
   CZuError Ping(const char* server, unsigned size = 56, unsigned count = 1, unsigned timeout = 5) {
@@ -425,16 +428,10 @@ TEST_F(ZuPingNetwork, SeriesWithoutTimeOutWaits) {
 
 TEST_F(ZuPingNetwork, EveryRequestIsPrecededByASecondOfSleep) {
   ZuSetSleepCallBack(OnSleep);
-  struct Order : PingRecorder {
-    bool OnPingResponse(void* instance, const ZuPingResponse& response, bool last) override {
-      gSleepsTold.emplace_back("reply");
-      return PingRecorder::OnPingResponse(instance, response, last);
-    }
-  } order;
-  ASSERT_OK(probe.ping(PeerNetwork::kPeer, 56, 2, 5, nullptr, &order, result, false));
+  ASSERT_OK(Ping(PeerNetwork::kPeer, 56, 2));
   ZuSetSleepCallBack(nullptr);
-  EXPECT_THAT(gSleepsTold, testing::ElementsAre("1000 ms in ZuPing.cpp", "reply",
-                                                "1000 ms in ZuPing.cpp", "reply"));
+  EXPECT_THAT(gSleepsTold, testing::ElementsAre("1000 ms in ZuPing.cpp, 0 sent",
+                                                "1000 ms in ZuPing.cpp, 1 sent"));
   EXPECT_EQ(gSleeps, 2);
 }
 
