@@ -28,6 +28,8 @@ constexpr std::uint32_t kReceiveOverhead = 1032;
 
 constexpr unsigned char kFill = 0xA5;
 
+constexpr char kNoBuffers[] = "Ping buffers are not prepared";
+
 // Milliseconds since 1970, none for no time. Whole seconds and the rest are scaled apart, the rest
 // to tenths of a microsecond.
 double Milliseconds(CTimeStamp time) {
@@ -35,9 +37,9 @@ double Milliseconds(CTimeStamp time) {
   constexpr std::int64_t kTicksPerSecond = 10'000'000;
   const std::int64_t ticks = time.GetTicks();
   if (ticks == 0) return 0.0;
-  const auto seconds = static_cast<double>((ticks - kUnixEpochTicks) / kTicksPerSecond);
+  const std::int64_t seconds = (ticks - kUnixEpochTicks) / kTicksPerSecond;
   const auto rest = static_cast<double>(ticks % kTicksPerSecond);
-  return seconds * 1000.0 + rest * 100.0 / 1'000'000.0;
+  return static_cast<double>(seconds) * 1000.0 + rest * 100.0 / 1'000'000.0;
 }
 
 // A time that ends before it starts wraps around.
@@ -180,14 +182,14 @@ CZuError CZuPing::closePingSocket() {
 }
 
 CZuError CZuPing::prepareBuffer() {
-  if (!m_pPingSendBuffer) {
+  const bool isNew = !m_pPingSendBuffer;
+  if (isNew) {
     m_sendPacketSize = m_bufferSize + kSendOverhead;
     m_pPingSendBuffer = AllocatePacket(std::uint64_t{m_bufferSize} + kSendOverhead);
     if (!m_pPingSendBuffer) {
       return FXErrorUtil::ErrorKDResult(ZU_HERE, ZUPING_RESULT_MEMORY_ALLOCATION_FAILED,
                                         "Ping send-buffer allocation failed");
     }
-    std::memset(m_pPingSendBuffer.get(), kFill, m_sendPacketSize);
   }
   if (!m_pPingRecvBuffer) {
     m_recvPacketSize = m_bufferSize + kReceiveOverhead;
@@ -198,6 +200,8 @@ CZuError CZuPing::prepareBuffer() {
                                         "Ping recv-buffer allocation failed");
     }
   }
+  // Not before both are there: filling takes memory that allocating alone does not.
+  if (isNew) std::memset(m_pPingSendBuffer.get(), kFill, m_sendPacketSize);
   m_processId = static_cast<std::uint16_t>(FXProcess().getProcessId());
   WriteHeader({kEchoRequest, 0, 0, m_processId, 0});
   return {};
@@ -214,6 +218,9 @@ void CZuPing::WriteHeader(const kdicmp& header) {
 }
 
 CZuError CZuPing::sendPingRequest(unsigned sequence, bool& timedOut, CTimeStamp& sendTime) {
+  if (!m_pPingSendBuffer) {
+    return FXErrorUtil::ErrorKDResult(ZU_HERE, ZUPING_RESULT_FAILURE, kNoBuffers);
+  }
   kdicmp header{kEchoRequest, 0, 0, m_processId, static_cast<std::uint16_t>(sequence)};
   WriteHeader(header);
   header.checksum = InternetChecksum(m_pPingSendBuffer.get(), m_sendPacketSize);
@@ -231,6 +238,9 @@ CZuError CZuPing::sendPingRequest(unsigned sequence, bool& timedOut, CTimeStamp&
 
 CZuError CZuPing::recvAndProcessPingResponse(ZuPingResponse& response, ZuPingResult& result,
                                              CTimeStamp& recvTime) {
+  if (!m_pPingRecvBuffer) {
+    return FXErrorUtil::ErrorKDResult(ZU_HERE, ZUPING_RESULT_FAILURE, kNoBuffers);
+  }
   std::memset(m_pPingRecvBuffer.get(), 0, m_recvPacketSize);  // a short reply has no old content
   int timedOut = 0;
   int received = 0;
@@ -265,7 +275,7 @@ CZuError CZuPing::recvAndProcessPingResponse(ZuPingResponse& response, ZuPingRes
 
 // Judges the reply in the receive buffer, whose checksum field it clears.
 KD_PING_STATE CZuPing::Classify(std::size_t received) {
-  const std::size_t start = (m_pPingRecvBuffer[offsetof(kdIPhdr, vihl)] & 15u) * 4;
+  const std::size_t start = (m_pPingRecvBuffer[offsetof(kdIPhdr, vihl)] & std::size_t{15}) * 4;
   unsigned char* const message = m_pPingRecvBuffer.get() + start;
   kdicmp header;
   std::memcpy(&header, message, sizeof header);

@@ -113,7 +113,10 @@ class ZUNETWORK_API CZuPing {
   CZuError ping(const char* server, unsigned bufferSize, unsigned bufferCount, unsigned timeout,
                 void* callbackInstance, CZuPingCallback* callback, ZuPingResult& result, bool ipv6);
 
-  // The steps of a series.
+  // The steps of a series, for a program that has its own. Requests and replies need both the
+  // socket and the buffers, whose size is that of the last series: without buffers they are
+  // ErrorKDResult 1 "Ping buffers are not prepared". A reply's sender, whoever that is, gets the
+  // next request.
   CZuError preparePingSocket(const char* server, unsigned timeout, bool ipv6);
   CZuError prepareBuffer();
   CZuError unprepareBuffer();

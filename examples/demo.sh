@@ -118,5 +118,19 @@ say "Ask for it again: the report of a failure lists every place it passed (CZuE
 run get "$url/files/small.bin" -o "$folder/back/small.bin" && exit 1
 echo "   the file of the earlier download is still whole: $(wc -c <"$folder/back/small.bin") byte"
 
+say "Pipe 1 GiB of noise from one zunet to another (CZuSocketSelector)"
+"$zunet" listen 0 --timeout 10 </dev/null 2>"$folder/listen.log" | sha256sum >"$folder/received" &
+receiver=$!
+until grep -q 'listening on port' "$folder/listen.log"; do
+  kill -0 "$receiver"
+  sleep 0.1
+done
+port=$(sed -n 's/.*listening on port //p' "$folder/listen.log")
+head -c 1G /dev/urandom | tee >(sha256sum >"$folder/sent") | "$zunet" connect 127.0.0.1 "$port"
+wait "$receiver"
+until [[ -s $folder/sent ]]; do sleep 0.1; done
+cmp "$folder/sent" "$folder/received"
+sed 's/^/   /' "$folder/received"
+
 say "Stop the server and remove the files"
 stop_server

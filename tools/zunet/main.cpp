@@ -15,6 +15,8 @@ int main(int argc, char** argv) try {
   app.require_subcommand(1);
   AddTransferCommands(app);
   AddSignCommand(app);
+  AddPingCommands(app);
+  AddStreamCommands(app);
   CLI11_PARSE(app, argc, argv);
   return 0;
 } catch (const std::exception& exception) {

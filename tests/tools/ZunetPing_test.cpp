@@ -1,0 +1,156 @@
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+
+#include "support/PeerNetwork.h"
+#include "support/PingPeer.h"
+#include "tools/ZunetRun.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+class ZunetPing : public testing::Test {
+ protected:
+  void SetUp() override { MAKE_NETWORK_OR_SKIP(network); }
+
+  TempDir folder;
+  std::optional<PeerNetwork> network;
+};
+
+TEST_F(ZunetPing, RepliesAreListedAndSummedUp) {
+  const ZunetRun run(folder, "ping", "ping 10.77.0.2 -c 2");
+  EXPECT_EQ(run.Wait(), 0);
+  EXPECT_THAT(run.Output(),
+              testing::MatchesRegex("56 bytes from 10.77.0.2: seq=1 ttl=64 time=[0-9]+ ms\n"
+                                    "56 bytes from 10.77.0.2: seq=2 ttl=64 time=[0-9]+ ms\n"
+                                    "2 sent, 2 received, 0% lost\n"
+                                    "time min/avg/max = [0-9]+/[0-9.]+/[0-9]+ ms\n"));
+  EXPECT_EQ(run.Errors(), "");
+}
+
+TEST_F(ZunetPing, FourRequestsOf56BytesAreTheDefault) {
+  Responder peer(*network, [](const std::vector<Bytes>& requests) {
+    const Bytes& request = requests.back();
+    Bytes reply = Reply(request);
+    if (requests.size() == 2) reply[3] = static_cast<unsigned char>(reply[3] ^ 1u);  // checksum
+    if (requests.size() == 3) reply.resize(20);
+    if (requests.size() == 4) reply[0] = 8;
+    return std::vector<Answer>{{reply}};
+  });
+  const ZunetRun run(folder, "ping", "ping 10.77.0.2");
+  EXPECT_EQ(run.Wait(), 0);
+  EXPECT_THAT(run.Output(),
+              testing::MatchesRegex("56 bytes from 10.77.0.2: seq=1 ttl=64 time=[0-9]+ ms\n"
+                                    "damaged reply from 10.77.0.2: seq=2\n"
+                                    "short reply from 10.77.0.2: seq=3\n"
+                                    "foreign packet from 10.77.0.2: seq=4\n"
+                                    "4 sent, 1 received, 75% lost\n"
+                                    "time min/avg/max = [0-9]+/[0-9.]+/[0-9]+ ms\n"));
+  const std::vector<Bytes>& packets = peer.Stop();
+  ASSERT_EQ(packets.size(), 4u);
+  for (const Bytes& packet : packets) EXPECT_EQ(packet.size(), kIpHeader + 8 + 56);
+}
+
+TEST_F(ZunetPing, SizeAndTimeOutAreTaken) {
+  Responder peer(*network, AnswerNothing);
+  const auto start = std::chrono::steady_clock::now();
+  const ZunetRun run(folder, "ping", "ping 10.77.0.2 -c 1 -s 1000 -W 1");
+  EXPECT_EQ(run.Wait(), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+  EXPECT_EQ(run.Output(),
+            "no reply from 10.77.0.2: seq=1\n"
+            "1 sent, 0 received, 100% lost\n");
+  ASSERT_EQ(peer.Stop().size(), 1u);
+  EXPECT_EQ(peer.Stop()[0].size(), kIpHeader + 8 + 1000);
+}
+
+TEST_F(ZunetPing, FailuresAreReported) {
+  const std::pair<const char*, const char*> failures[] = {
+      {"ping 10.78.0.1 -c 1", "Sending ping request failed"},
+      {"ping absent.invalid", "Get by name \\[absent.invalid\\] failed"},
+      {"ping 127.0.53.53", "DNS name collision occured"},
+      {"ping 10.77.0.2 -s 0", "Invalid buffer size \\(0\\)"},
+      {"ping 10.77.0.2 -c 0", "Invalid buffer count \\(0\\)"},
+      {"ping 10.77.0.2 -s 70000 -c 1", "Message too long"},
+      {"ping 10.77.0.2 -s 4294967295 -c 1", "Ping send-buffer allocation failed"},
+  };
+  for (const auto& [arguments, message] : failures) {
+    SCOPED_TRACE(arguments);
+    const ZunetRun run(folder, "ping", arguments);
+    EXPECT_EQ(run.Wait(), 2);
+    EXPECT_THAT(run.Errors(), ContainsRegex(message));
+    EXPECT_EQ(run.Output(), "");
+  }
+}
+
+TEST_F(ZunetPing, FailureOnTheWayIsReportedAfterTheSummary) {
+  const ZunetRun run(folder, "ping", "ping 10.77.0.2 -c 100");
+  run.WaitForOutput("seq=1");
+  PeerNetwork::Ip("link set own down");
+  EXPECT_EQ(run.Wait(), 2);
+  EXPECT_THAT(run.Output(), HasSubstr(" received, 0% lost\n"));
+  EXPECT_THAT(run.Errors(), HasSubstr("Network is unreachable"));
+}
+
+TEST_F(ZunetPing, WrongUsageIsNeitherOfTheStatuses) {
+  for (const char* const arguments : {"ping", "ping 10.77.0.2 -c x", "ping 10.77.0.2 -s -1"}) {
+    SCOPED_TRACE(arguments);
+    const ZunetRun run(folder, "ping", arguments);
+    EXPECT_GT(run.Wait(), 2);
+  }
+}
+
+TEST_F(ZunetPing, InterruptEndsWithTheSummary) {
+  const ZunetRun run(folder, "ping", "ping 10.77.0.2 -c 100");
+  EXPECT_THAT(run.WaitForOutput("seq=1"), HasSubstr("seq=1"));
+  kill(run.Program().Id(), SIGINT);
+  EXPECT_EQ(run.Wait(10s), 0);
+  EXPECT_THAT(run.Output(), HasSubstr(" sent, "));
+  EXPECT_THAT(run.Output(), HasSubstr(" 0% lost\ntime min/avg/max = "));
+  EXPECT_THAT(run.Output(), Not(HasSubstr("seq=50")));
+}
+
+// Answers the first requests and counts all; the rest is silence.
+class SilentPeer {
+ public:
+  SilentPeer(const PeerNetwork& network, unsigned answered)
+      : m_responder(network, [this, answered](const std::vector<Bytes>& requests) {
+          m_requests = static_cast<unsigned>(requests.size());
+          return requests.size() <= answered ? AnswerWell(requests) : std::vector<Answer>{};
+        }) {}
+
+  bool WaitForRequest(unsigned number) const {
+    for (int i = 0; i < 2000 && m_requests < number; ++i) std::this_thread::sleep_for(5ms);
+    return m_requests >= number;
+  }
+
+ private:
+  std::atomic<unsigned> m_requests{0};
+  Responder m_responder;
+};
+
+TEST_F(ZunetPing, InterruptDoesNotWaitForAReply) {
+  const SilentPeer peer(*network, 1);
+  const ZunetRun run(folder, "ping", "ping 10.77.0.2 -c 3 -W 600");
+  ASSERT_TRUE(peer.WaitForRequest(2));
+  kill(run.Program().Id(), SIGINT);
+  EXPECT_EQ(run.Wait(10s), 0);
+  EXPECT_THAT(run.Output(), HasSubstr("\n1 sent, 1 received, 0% lost\n"));
+}
+
+TEST_F(ZunetPing, InterruptBeforeAnyReplyIsNoReply) {
+  const SilentPeer peer(*network, 0);
+  const ZunetRun run(folder, "ping", "ping 10.77.0.2 -W 600");
+  ASSERT_TRUE(peer.WaitForRequest(1));
+  kill(run.Program().Id(), SIGINT);
+  EXPECT_EQ(run.Wait(10s), 1);
+  EXPECT_EQ(run.Output(), "0 sent, 0 received, 0% lost\n");
+}
+
+}  // namespace

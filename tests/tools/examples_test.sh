@@ -1,0 +1,187 @@
+#!/usr/bin/env bash
+# Runs the examples and checks what they print. Usage: examples_test.sh FOLDER-OF-THE-PROGRAMS
+set -euo pipefail
+programs=$1
+folder=$(mktemp -d)
+servers=()
+
+clean_up() {
+  local server
+  for server in "${servers[@]}"; do
+    kill "$server" 2>/dev/null || true
+    wait "$server" 2>/dev/null || true
+  done
+  rm -rf "$folder"
+}
+trap clean_up EXIT
+
+fail() {
+  echo "FAILED: $*" >&2
+  exit 1
+}
+
+expect() { # WHAT EXPECTED ACTUAL
+  [[ $2 == "$3" ]] || fail "$1: expected \"$2\", got \"$3\""
+}
+
+expect_match() { # WHAT PATTERN ACTUAL
+  [[ $3 =~ $2 ]] || fail "$1: expected a match of \"$2\", got \"$3\""
+}
+
+expect_status() { # STATUS COMMAND...
+  local expected=$1 status=0
+  shift
+  timeout 30 "$@" >"$folder/out" 2>"$folder/err" || status=$?
+  expect "status of $*" "$expected" "$status"
+}
+
+run() { timeout 30 "$programs/example_$1" "${@:2}"; }
+
+# Sets port.
+start_server() {
+  local log=$folder/$1.log wait
+  : >"$log"
+  "$programs/example_$1" 0 "${@:2}" >"$log" 2>&1 &
+  servers+=($!)
+  for wait in {1..200}; do
+    if read -r line <"$log" && [[ $line == "listening on port "* ]]; then
+      port=${line##* }
+      return
+    fi
+    sleep 0.05
+  done
+  fail "$1 does not listen after $wait looks: $(<"$log")"
+}
+
+# Sets line to the next one from a descriptor.
+hear() {
+  IFS= read -r -t 10 -u "$1" line || fail "nothing more to hear on descriptor $1"
+}
+
+test_cidr() {
+  expect "address within" "10.1.2.3 is IPv4
+10.1.2.3 is within 10.0.0.0/8
+/8 is the mask 255.0.0.0" "$(run cidr 10.1.2.3 10.0.0.0/8)"
+  expect_match "address outside" "outside 192.168.16.0/20" "$(run cidr 10.1.2.3 192.168.16.0/20)"
+  expect_status 1 "$programs/example_cidr" 10.1.2.3 10.0.0.0
+  expect_match "bad block" "Invalid CIDR block: \[10.0.0.0\]" "$(<"$folder/err")"
+  expect_status 1 "$programs/example_cidr" nonsense 10.0.0.0/8
+  expect_status 2 "$programs/example_cidr"
+}
+
+test_interfaces() {
+  local listed
+  listed=$(run interfaces)
+  expect_match "interfaces" "IPv4 127.0.0.1 in 127.0.0.0" "$listed"
+}
+
+test_ping() {
+  expect_status 2 "$programs/example_ping"
+  expect_status 2 "$programs/example_ping" 127.0.53.53
+  expect_match "address of a collision" "DNS name collision occured" "$(<"$folder/err")"
+  if ((EUID != 0)); then
+    expect_status 2 "$programs/example_ping" 127.0.0.1
+    expect_match "without privilege" "Operation not permitted" "$(<"$folder/err")"
+    return
+  fi
+  # On loopback a raw socket hears its own requests too, and each before the reply to it.
+  local listed
+  listed=$(run ping 127.0.0.1)
+  expect_match "log" "ZuPing: \[server - 127.0.0.1\] \[IP - 127.0.0.1\]" "$listed"
+  expect_match "packets" $'1: no good reply\n2: [0-9]+ ms\n' "$listed"
+  expect_match "sum" "1 of 3 answered" "$listed"
+}
+
+test_echo() {
+  local server client long
+  long=$(printf 'x%.0s' {1..100000})
+  for server in echo_server echo_server_c; do
+    start_server "$server"
+    for client in echo_client echo_client_c; do
+      expect "$client of $server" "hello, world" "$(run "$client" 127.0.0.1 "$port" "hello, world")"
+      expect "long text" "$long" "$(run "$client" localhost "$port" "$long")"
+    done
+  done
+  expect_status 1 "$programs/example_echo_client" 127.0.0.1 1 text
+  expect_match "no server" "Connection refused" "$(<"$folder/err")"
+  expect_status 1 "$programs/example_echo_client_c" 127.0.0.1 1 text
+  expect_match "no server" "Connection refused" "$(<"$folder/err")"
+  for server in echo_server echo_server_c; do
+    expect_status 1 "$programs/example_$server" "$port"
+    expect_match "port in use" "Address already in use" "$(<"$folder/err")"
+  done
+}
+
+test_chat() {
+  local i
+  start_server chat_server
+  exec 3<>"/dev/tcp/127.0.0.1/$port"
+  exec 4<>"/dev/tcp/127.0.0.1/$port"
+  hear 3
+  expect_match "newcomer" "^guest [0-9]+ has come$" "$line"
+  exec 5<>"/dev/tcp/127.0.0.1/$port"
+  for i in 3 4; do
+    hear "$i"
+    expect_match "newcomer" "has come" "$line"
+  done
+  printf 'hel' >&3
+  sleep 0.1
+  printf 'lo\nall\n' >&3
+  for i in 4 5; do
+    hear "$i"
+    expect_match "first line" "^guest [0-9]+: hello$" "$line"
+    hear "$i"
+    expect_match "second line" "^guest [0-9]+: all$" "$line"
+  done
+  exec 3>&-
+  for i in 4 5; do
+    hear "$i"
+    expect_match "farewell" "^guest [0-9]+ has left$" "$line"
+  done
+  printf 'still here\n' >&5
+  hear 4
+  expect_match "after the farewell" ": still here$" "$line"
+  head -c 5000 /dev/zero | tr '\0' x >&5
+  hear 4
+  expect_match "line too long" "has left" "$line"
+  exec 4>&- 5>&-
+}
+
+# Sets line to the server's verdict.
+guess() { # PASSWORD
+  exec 6<>"/dev/tcp/127.0.0.1/$port"
+  line=
+  if IFS= read -r -t 10 -N 10 -u 6 line; then
+    printf '%s\n' "$1" >&6
+    hear 6
+  fi
+  exec 6>&-
+}
+
+test_guard() {
+  start_server guarded_server sesame
+  guess sesame
+  expect "right password" welcome "$line"
+  for _ in 1 2 3; do
+    guess nonsense
+    expect "wrong password" wrong "$line"
+  done
+  guess sesame
+  expect "fourth attempt" "" "$line"
+  expect_match "log" "refused 127.0.0.1" "$(<"$folder/guarded_server.log")"
+
+  echo 127.0.0.1 >"$folder/blacklist"
+  start_server guarded_server sesame "$folder/blacklist"
+  guess sesame
+  expect "blacklisted from the start" "" "$line"
+  expect_status 1 "$programs/example_guarded_server" 0 sesame "$folder/missing"
+  expect_match "no file" "Failed to open file" "$(<"$folder/err")"
+}
+
+test_cidr
+test_interfaces
+test_ping
+test_echo
+test_chat
+test_guard
+echo "all examples did what they should"
