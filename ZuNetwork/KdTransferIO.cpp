@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -19,13 +19,31 @@ namespace {
 namespace fs = std::filesystem;
 using FXErrorUtil::ErrorErrNo;
 
-// The permissions of the file to be replaced, or those that a new file would get.
-mode_t PermissionsFor(const std::string& path) {
-  struct stat status;
-  if (stat(path.c_str(), &status) == 0) return status.st_mode & 07777;
-  const mode_t mask = umask(0);
-  umask(mask);
-  return 0666 & ~mask;
+// Where symbolic links lead, even to a name that does not exist yet.
+std::string FollowLinks(const std::string& path, std::error_code& failure) {
+  constexpr int kMostLinks = 40;
+  fs::path target = path;
+  for (int links = 0; fs::is_symlink(target, failure); ++links) {
+    if (links == kMostLinks)
+      failure = std::make_error_code(std::errc::too_many_symbolic_link_levels);
+    if (!failure) target = target.parent_path() / fs::read_symlink(target, failure);
+    if (failure) return {};
+  }
+  failure.clear();  // what is absent is no link
+  return target;
+}
+
+// A new file beside `path`, which becomes its name. The system takes the umask off `mode`; a
+// program with threads cannot ask for it.
+int CreateBeside(std::string& path, mode_t mode) {
+  static std::atomic<unsigned> counter{0};
+  const std::string prefix = path + "." + std::to_string(getpid()) + "-";
+  int descriptor = -1;
+  do {
+    path = prefix + std::to_string(counter++);
+    descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  } while (descriptor == -1 && errno == EEXIST);
+  return descriptor;
 }
 
 }  // namespace
@@ -40,8 +58,8 @@ CZuError FileSink::Open(const std::string& path) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
   }
   std::error_code failure;
-  m_path = fs::is_symlink(path, failure) ? fs::weakly_canonical(path, failure).string() : path;
-  if (failure && m_path.empty()) {
+  m_path = FollowLinks(path, failure);
+  if (failure) {
     return ErrorErrNo(ZU_HERE, failure.value(), "Failed to follow [%s]", path.c_str());
   }
   if (!fs::exists(m_path, failure) || fs::is_regular_file(m_path, failure)) return OpenBeside();
@@ -54,14 +72,16 @@ CZuError FileSink::Open(const std::string& path) {
 }
 
 CZuError FileSink::OpenBeside() {
-  std::string path = m_path + ".XXXXXX";
-  m_descriptor = mkostemp(path.data(), O_CLOEXEC);
+  struct stat status;
+  const bool isReplaced = stat(m_path.c_str(), &status) == 0;
+  std::string path = m_path;
+  m_descriptor = CreateBeside(path, isReplaced ? 0600 : 0666);
   if (m_descriptor == -1) {
     return ErrorErrNo(ZU_HERE, errno, "Failed to create a file beside [%s]", m_path.c_str());
   }
   m_isOwner = true;
   m_temporaryPath = path;
-  if (fchmod(m_descriptor, PermissionsFor(m_path)) == 0) return {};
+  if (!isReplaced || fchmod(m_descriptor, status.st_mode & 07777) == 0) return {};
   return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
 }
 
