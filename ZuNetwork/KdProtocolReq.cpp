@@ -265,6 +265,8 @@ CZuError KdProtocolReq::setOption(int option, long value) {
   return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
 }
 
+CZuError KdProtocolReq::setOption(int option, int value) { return setOption(option, long{value}); }
+
 CZuError KdProtocolReq::setOption(int option, long long value) {
   return setOption(option, long{value});
 }
@@ -278,29 +280,24 @@ CZuError KdProtocolReq::setOption(int option, const std::string& value) {
   return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
 }
 
-// A refused option is not kept; one that is set again replaces the earlier value.
+// A refused option leaves the value that was kept before it.
 CZuError KdProtocolReq::KeepOption(const FXCodeLocation& where, CallersOption option) {
+  CZuError error = SetCallersOption(option);
+  if (Failed(error)) return error.Push(where);
   m_callersOptions.erase(
       std::remove_if(m_callersOptions.begin(), m_callersOptions.end(),
                      [&](const CallersOption& kept) { return kept.option == option.option; }),
       m_callersOptions.end());
   m_callersOptions.push_back(std::move(option));
-  CZuError error = SetCallersOptions();
-  if (!Failed(error)) return {};
-  m_callersOptions.pop_back();
-  return error.Push(where);
+  return {};
 }
 
-CZuError KdProtocolReq::SetCallersOptions() {
-  for (const CallersOption& option : m_callersOptions) {
-    const auto* const text = std::get_if<std::string>(&option.value);
-    m_curlCode = text == nullptr ? SetOption(option.option, std::get<long>(option.value))
-                                 : SetOption(option.option, text->c_str());
-    if (m_curlCode != CURLE_OK) {
-      return ErrorKdCURL(ZU_HERE, m_curlCode, kOptionRefused, option.option);
-    }
-  }
-  return {};
+CZuError KdProtocolReq::SetCallersOption(const CallersOption& option) {
+  const auto* const text = std::get_if<std::string>(&option.value);
+  m_curlCode = text == nullptr ? SetOption(option.option, std::get<long>(option.value))
+                               : SetOption(option.option, text->c_str());
+  if (m_curlCode == CURLE_OK) return {};
+  return ErrorKdCURL(ZU_HERE, m_curlCode, kOptionRefused, option.option);
 }
 
 CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
@@ -560,9 +557,11 @@ CZuError KdProtocolReq::PrepareForRequest() {
   if (m_lResumeOffset != 0) {
     SetOption(CURLOPT_RESUME_FROM_LARGE, static_cast<long long>(m_lResumeOffset));
   }
-  error = SetCallersOptions();
-  if (Failed(error)) error.Push(ZU_HERE);
-  return error;
+  for (const CallersOption& option : m_callersOptions) {
+    error = SetCallersOption(option);
+    if (Failed(error)) return error.Push(ZU_HERE);
+  }
+  return {};
 }
 
 CZuError KdProtocolReq::Execute() {

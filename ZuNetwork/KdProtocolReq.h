@@ -200,6 +200,7 @@ class ZUNETWORK_API KdProtocolReq {
   // Any option of libcurl by its number. The value is set at once and again before every request,
   // whatever the operation does with the option. A refusal is reported at either time. A value of a
   // kind that the option does not take is ErrorInt 1, "Option [%d] takes no such value".
+  CZuError setOption(int option, int value);
   CZuError setOption(int option, long value);
   CZuError setOption(int option, long long value);
   CZuError setOption(int option, const std::string& value);
@@ -382,7 +383,7 @@ class ZUNETWORK_API KdProtocolReq {
 
   const char* ErrorText() const;
   CZuError KeepOption(const FXCodeLocation& where, CallersOption option);
-  CZuError SetCallersOptions();
+  CZuError SetCallersOption(const CallersOption& option);
   CZuError SendOperation(const FXCodeLocation& where);
   CZuError SendCustomOperation(const FXCodeLocation& where, const char* method, const char* urlPath,
                                const char* body, long size,
