@@ -57,6 +57,7 @@ CZuError FileSink::Open(const std::string& path) {
   if (m_descriptor != -1) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
   }
+  if (path.empty()) return ErrorErrNo(ZU_HERE, ENOENT, "Failed to open file []");
   std::error_code failure;
   m_path = FollowLinks(path, failure);
   if (failure) {
