@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <type_traits>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
@@ -302,22 +303,18 @@ CZuError KdProtocolReq::SetCallersOption(const CallersOption& option) {
 
 CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
   constexpr double kMicrosecondsPerSecond = 1e6;
-  curl_off_t nameLookup = 0;
-  curl_off_t connect = 0;
-  curl_off_t tls = 0;
-  curl_off_t firstByte = 0;
-  curl_off_t total = 0;
+  TransferTimes result;
+  curl_off_t microseconds[5] = {};
   const char* address = nullptr;
   long version = 0;
-  TransferTimes result;
   const struct {
     CURLINFO info;
     void* out;
-  } parts[] = {{CURLINFO_NAMELOOKUP_TIME_T, &nameLookup},
-               {CURLINFO_CONNECT_TIME_T, &connect},
-               {CURLINFO_APPCONNECT_TIME_T, &tls},
-               {CURLINFO_STARTTRANSFER_TIME_T, &firstByte},
-               {CURLINFO_TOTAL_TIME_T, &total},
+  } parts[] = {{CURLINFO_NAMELOOKUP_TIME_T, &microseconds[0]},
+               {CURLINFO_CONNECT_TIME_T, &microseconds[1]},
+               {CURLINFO_APPCONNECT_TIME_T, &microseconds[2]},
+               {CURLINFO_STARTTRANSFER_TIME_T, &microseconds[3]},
+               {CURLINFO_TOTAL_TIME_T, &microseconds[4]},
                {CURLINFO_SIZE_DOWNLOAD_T, &result.bytesReceived},
                {CURLINFO_SIZE_UPLOAD_T, &result.bytesSent},
                {CURLINFO_SPEED_DOWNLOAD_T, &result.receiveSpeed},
@@ -328,11 +325,11 @@ CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
     const CURLcode code = CurlWrapper::gCurlWrapper.Curl_easy_getinfo(Handle(), info, out);
     if (code != CURLE_OK) return ErrorKdCURL(ZU_HERE, code, "Failed to get info [%d]", info);
   }
-  result.nameLookup = static_cast<double>(nameLookup) / kMicrosecondsPerSecond;
-  result.connect = static_cast<double>(connect) / kMicrosecondsPerSecond;
-  result.tls = static_cast<double>(tls) / kMicrosecondsPerSecond;
-  result.firstByte = static_cast<double>(firstByte) / kMicrosecondsPerSecond;
-  result.total = static_cast<double>(total) / kMicrosecondsPerSecond;
+  double* const seconds[] = {&result.nameLookup, &result.connect, &result.tls, &result.firstByte,
+                             &result.total};
+  for (size_t i = 0; i < std::size(seconds); ++i) {
+    *seconds[i] = static_cast<double>(microseconds[i]) / kMicrosecondsPerSecond;
+  }
   result.address = address == nullptr ? "" : address;
   result.httpVersion = HttpVersion(version);
   times = std::move(result);
@@ -587,7 +584,10 @@ CZuError KdProtocolReq::Execute() {
 
 CZuError KdProtocolReq::unSetMethodParameter() {
   UnsetCallBacks();
-  if (m_lResumeOffset != 0) SetOption(CURLOPT_RESUME_FROM_LARGE, 0LL);
+  if (m_lResumeOffset != 0) {
+    SetOption(CURLOPT_RESUME_FROM_LARGE, 0LL);
+    SetOption(CURLOPT_APPEND, 0);  // libcurl sets it for a resumed upload, and leaves it
+  }
   m_lResumeOffset = 0;
   m_mHeaders.clear();
   CZuError error = unsetOpTypeParameter();

@@ -206,7 +206,8 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError setOption(int option, const std::string& value);
 
   // Starts the next transfer at this byte of the file: a download of what is missing, an upload
-  // (FTP, SFTP) that appends. A server that cannot is libcurl's code 33, or 36 for FTP.
+  // (FTP, SFTP) that appends. A read callback of the caller's begins there. A server that cannot is
+  // libcurl's code 33, or 36 for FTP.
   void setResumeOffset(std::int64_t offset) { m_lResumeOffset = offset; }
 
   // Whether collectFilesAndDir() takes listings as today's servers write them; see there.
@@ -363,6 +364,7 @@ class ZUNETWORK_API KdProtocolReq {
   long m_responseCode = 0;
 
   bool m_bLenientListing = false;
+  std::int64_t m_lResumeOffset = 0;  // of the next transfer
 
   static pthread_mutex_t* ssl_mutex;  // kept for derived classes; the base takes no lock
   static std::atomic<bool> m_gbInit;
@@ -396,7 +398,6 @@ class ZUNETWORK_API KdProtocolReq {
   std::list<Connection> m_connections;  // one for each initialize()
   bool m_bWriteDataUnset = false;
   std::vector<CallersOption> m_callersOptions;
-  std::int64_t m_lResumeOffset = 0;
 };
 
 }  // namespace KdCURL

@@ -139,15 +139,16 @@ size_t StringSink::Write(char* data, size_t size, size_t count, void* instance) 
 
 FileSource::~FileSource() { Close(); }
 
-CZuError FileSource::Open(const std::string& path) {
+CZuError FileSource::Open(const std::string& path, std::int64_t offset) {
   Close();
   m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (m_descriptor == -1)
-    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path.c_str());
   struct stat status;
-  if (fstat(m_descriptor, &status) != 0 || !S_ISDIR(status.st_mode)) return {};
+  int err = m_descriptor == -1 ? errno : 0;
+  if (err == 0 && fstat(m_descriptor, &status) == 0 && S_ISDIR(status.st_mode)) err = EISDIR;
+  if (err == 0 && offset != 0 && lseek(m_descriptor, offset, SEEK_SET) == -1) err = errno;
+  if (err == 0) return {};
   Close();
-  return ErrorErrNo(ZU_HERE, EISDIR, "Failed to open file [%s]", path.c_str());
+  return ErrorErrNo(ZU_HERE, err, "Failed to open file [%s]", path.c_str());
 }
 
 void FileSource::Close() {

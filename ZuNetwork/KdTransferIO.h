@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "ZuNetwork/ZuNetworkExport.h"
@@ -77,8 +78,8 @@ class ZUNETWORK_API FileSource {
   FileSource(const FileSource&) = delete;
   FileSource& operator=(const FileSource&) = delete;
 
-  // Opens the file from its start; one that is open is closed before.
-  CZuError Open(const std::string& path);
+  // Opens the file to be read from the byte `offset` on; one that is open is closed before.
+  CZuError Open(const std::string& path, std::int64_t offset = 0);
   void Close();
 
   static std::size_t Read(char* buffer, std::size_t size, std::size_t count, void* instance);

@@ -451,6 +451,26 @@ TEST_F(FileSource, GivesTheFileInPieces) {
   EXPECT_EQ(Take(m_source, 3), "012");
 }
 
+TEST_F(FileSource, AFileMayBeReadFromItsMiddle) {
+  WriteFile(m_path, "0123456789");
+  const struct {
+    std::int64_t offset;
+    const char* rest;
+  } cases[] = {
+      {0, "0123456789"}, {1, "123456789"}, {9, "9"}, {10, ""}, {std::int64_t{1} << 40, ""}};
+  for (const auto& [offset, rest] : cases) {
+    SCOPED_TRACE(offset);
+    ASSERT_OK(m_source.Open(m_path, offset));
+    EXPECT_EQ(Take(m_source, 100), rest);
+  }
+  EXPECT_FAILS(m_source.Open(m_path, -1), ErrNoCode(EINVAL), "Failed to open file [");
+  const std::string pipe = m_folder / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int writer = open(pipe.c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_FAILS(m_source.Open(pipe, 1), ErrNoCode(ESPIPE), "Failed to open file [");
+  EXPECT_EQ(SystemClose(writer), 0);
+}
+
 TEST_F(FileSource, AnEmptyFileGivesNothing) {
   WriteFile(m_path, "");
   ASSERT_OK(m_source.Open(m_path));

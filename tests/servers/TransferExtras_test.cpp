@@ -327,13 +327,33 @@ TEST_F(TransferExtras, AnInterruptedDownloadGoesOnWhereItStopped) {
 }
 
 TEST_F(TransferExtras, AnInterruptedUploadGoesOnWhereItStopped) {
-  WriteFile(m_ftp.Login() / "sent", m_bytes.substr(0, 300001));
-  GiveToBob(m_ftp.Login() / "sent");
-  m_ftpRequest.setResumeOffset(300001);
-  ASSERT_OK(m_ftpRequest.uploadFile(m_source.c_str(), "sent", m_bytes.size(), {}));
-  EXPECT_TRUE(ReadFile(m_ftp.Login() / "sent") == m_bytes);
-  ASSERT_OK(m_ftpRequest.uploadFile(m_source.c_str(), "sent", m_bytes.size(), {}));
-  EXPECT_TRUE(ReadFile(m_ftp.Login() / "sent") == m_bytes) << "from the start again";
+  constexpr size_t kThere = 300001;
+  const SftpServer sftp;
+  SftpRequest sftpRequest(sftp.Port());
+  struct {
+    KdCURL::KdProtocolReq& request;
+    const char* path;
+    std::filesystem::path stored;
+  } cases[] = {{m_ftpRequest, "sent", m_ftp.Login() / "sent"},
+               {sftpRequest, "~/sent", sftp.Login() / "sent"}};
+  for (const auto& [request, path, stored] : cases) {
+    SCOPED_TRACE(path);
+    WriteFile(stored, m_bytes.substr(0, kThere));
+    GiveToBob(stored);
+    request.setResumeOffset(kThere);
+    ASSERT_OK(request.uploadFile(m_source.c_str(), path, m_bytes.size(), {}));
+    EXPECT_TRUE(ReadFile(stored) == m_bytes);
+    // It counts for one request.
+    ASSERT_OK(request.uploadFile(m_source.c_str(), path, m_bytes.size(), {}));
+    EXPECT_TRUE(ReadFile(stored) == m_bytes);
+    // A callback of the caller's begins with what is missing.
+    std::filesystem::resize_file(stored, kThere);
+    KdCURL::MemorySource rest(m_bytes.data() + kThere, m_bytes.size() - kThere);
+    request.setResumeOffset(kThere);
+    request.setReadCallBack(&rest, KdCURL::MemorySource::Read);
+    ASSERT_OK(request.uploadFile("name", path, m_bytes.size(), {}));
+    EXPECT_TRUE(ReadFile(stored) == m_bytes);
+  }
 }
 
 TEST_F(TransferExtras, AServerThatCannotResumeIsAnError) {
