@@ -67,6 +67,12 @@ CZuError KdFTPReq::setHeaders(const std::map<std::string, std::string>& headerMa
   return SetHeaderLines(ZU_HERE, CURLOPT_QUOTE, headerMap, m_headerList);
 }
 
+CZuError KdFTPReq::addQuoteCommand(const std::string& command) {
+  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
+  m_headerList = CurlWrapper::gCurlWrapper.Curl_slist_append(m_headerList, command.c_str());
+  return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_QUOTE, static_cast<void*>(m_headerList)}});
+}
+
 CZuError KdFTPReq::isOperationSuccess(bool& bIsSucess) {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   // SFTP has no reply codes.
@@ -89,9 +95,7 @@ CZuError KdFTPReq::setMethodParameter() {
       SetOption(CURLOPT_DIRLISTONLY, 1);
       return {};
     case OP_GET_FILE_INFO:
-      SetOption(CURLOPT_NOBODY, 1);
-      SetOption(CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(getContentSize));
-      SetOption(CURLOPT_HEADER, 0);
+      SetSizeQuery();
       return {};
     case OP_CHECK_FILE_DIR_EXIST:
     case OP_GET_INFO:
@@ -135,9 +139,7 @@ CZuError KdFTPReq::unsetOpTypeParameter() {
       SetOption(CURLOPT_DIRLISTONLY, 0);
       break;
     case OP_GET_FILE_INFO:
-      SetOption(CURLOPT_NOBODY, 0);
-      SetOption(CURLOPT_HEADERFUNCTION, kNull);
-      SetOption(CURLOPT_HEADER, 0);
+      UnsetSizeQuery();
       break;
     case OP_CHECK_FILE_DIR_EXIST:
     case OP_GET_INFO:

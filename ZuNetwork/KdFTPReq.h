@@ -48,6 +48,10 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
   // Asks for the path as a directory; a server that does not enter it means a file.
   CZuError IsFile(const std::string& sourcePath, bool& isFile) override;
 
+  // Adds a command, as it is, to those that are sent before the next transfer: "DELE old.txt" for
+  // FTP, "rm /home/bob/old.txt" for SFTP (see CURLOPT_QUOTE).
+  CZuError addQuoteCommand(const std::string& command);
+
   // How an SSH server is told who asks: CURLSSH_AUTH_* bits.
   CZuError setFTPAuth(int param);
 

@@ -242,9 +242,7 @@ CZuError KdHTTPReq::setMethodParameter() {
     case OP_GET_FILE_DIR_LIST:
       return {};
     case OP_GET_FILE_INFO:
-      SetOption(CURLOPT_NOBODY, 1);
-      SetOption(CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(getContentSize));
-      SetOption(CURLOPT_HEADER, 0);
+      SetSizeQuery();
       return {};
     case OP_CHECK_FILE_DIR_EXIST:
     case OP_GET_INFO:
@@ -316,9 +314,7 @@ CZuError KdHTTPReq::unsetOpTypeParameter() {
     case OP_GET_FILE_DIR_LIST:
       return {};
     case OP_GET_FILE_INFO:
-      SetOption(CURLOPT_NOBODY, 0);
-      SetOption(CURLOPT_HEADERFUNCTION, kNull);
-      SetOption(CURLOPT_HEADER, 0);
+      UnsetSizeQuery();
       return {};
     case OP_CHECK_FILE_DIR_EXIST:
     case OP_GET_INFO:

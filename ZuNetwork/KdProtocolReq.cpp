@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <iterator>
 #include <type_traits>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
@@ -22,16 +21,10 @@ constexpr char kOptionRefused[] = "Failed to set option [%d]";
 static_assert(std::is_same_v<curl_write_callback, curl_read_callback>,
               "one helper sets callbacks of both kinds");
 
-// The kinds of values, by the ranges of option numbers that libcurl gives them.
+// By the ranges of option numbers that libcurl gives each kind of value.
 bool TakesNumber(CURLoption option) {
   return option < CURLOPTTYPE_OBJECTPOINT ||
          (option >= CURLOPTTYPE_OFF_T && option < CURLOPTTYPE_BLOB);
-}
-
-// Strings share their range with pointers of all kinds; libcurl knows which is which.
-bool TakesString(CURLoption option) {
-  return option >= CURLOPTTYPE_OBJECTPOINT && option < CURLOPTTYPE_FUNCTIONPOINT &&
-         CurlWrapper::gCurlWrapper.IsStringOption(option);
 }
 
 const char* HttpVersion(long version) {
@@ -127,10 +120,23 @@ CZuError KdProtocolReq::SetHeaderLines(const FXCodeLocation& where, CURLoption o
                                        curl_slist*& list) {
   if (headerMap.empty()) return {};
   for (const auto& [name, value] : headerMap) {
-    const std::string line = name + ":" + value;
+    std::string line = name;
+    line.append(1, ':').append(value);
     list = CurlWrapper::gCurlWrapper.Curl_slist_append(list, line.c_str());
   }
   return SetOptions(where, {{option, static_cast<void*>(list)}});
+}
+
+void KdProtocolReq::SetSizeQuery() {
+  SetOption(CURLOPT_NOBODY, 1);
+  SetOption(CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(getContentSize));
+  SetOption(CURLOPT_HEADER, 0);
+}
+
+void KdProtocolReq::UnsetSizeQuery() {
+  SetOption(CURLOPT_NOBODY, 0);
+  SetOption(CURLOPT_HEADERFUNCTION, static_cast<void*>(nullptr));
+  SetOption(CURLOPT_HEADER, 0);
 }
 
 CZuError KdProtocolReq::setSecured(bool isSecured, const std::string& caBundlePath) {
@@ -266,16 +272,10 @@ CZuError KdProtocolReq::setOption(int option, long value) {
   return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
 }
 
-CZuError KdProtocolReq::setOption(int option, int value) { return setOption(option, long{value}); }
-
-CZuError KdProtocolReq::setOption(int option, long long value) {
-  return setOption(option, long{value});
-}
-
 CZuError KdProtocolReq::setOption(int option, const std::string& value) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  if (!TakesString(static_cast<CURLoption>(option))) {
+  if (!CurlWrapper::gCurlWrapper.IsStringOption(static_cast<CURLoption>(option))) {
     return ErrorInt(ZU_HERE, kErrorBadInput, "Option [%d] takes no such value", option);
   }
   return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
@@ -302,19 +302,19 @@ CZuError KdProtocolReq::SetCallersOption(const CallersOption& option) {
 }
 
 CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
-  constexpr double kMicrosecondsPerSecond = 1e6;
+  enum { kNameLookup, kConnect, kTls, kFirstByte, kTotal, kTimes };
+  curl_off_t microseconds[kTimes] = {};
   TransferTimes result;
-  curl_off_t microseconds[5] = {};
   const char* address = nullptr;
   long version = 0;
   const struct {
     CURLINFO info;
     void* out;
-  } parts[] = {{CURLINFO_NAMELOOKUP_TIME_T, &microseconds[0]},
-               {CURLINFO_CONNECT_TIME_T, &microseconds[1]},
-               {CURLINFO_APPCONNECT_TIME_T, &microseconds[2]},
-               {CURLINFO_STARTTRANSFER_TIME_T, &microseconds[3]},
-               {CURLINFO_TOTAL_TIME_T, &microseconds[4]},
+  } parts[] = {{CURLINFO_NAMELOOKUP_TIME_T, &microseconds[kNameLookup]},
+               {CURLINFO_CONNECT_TIME_T, &microseconds[kConnect]},
+               {CURLINFO_APPCONNECT_TIME_T, &microseconds[kTls]},
+               {CURLINFO_STARTTRANSFER_TIME_T, &microseconds[kFirstByte]},
+               {CURLINFO_TOTAL_TIME_T, &microseconds[kTotal]},
                {CURLINFO_SIZE_DOWNLOAD_T, &result.bytesReceived},
                {CURLINFO_SIZE_UPLOAD_T, &result.bytesSent},
                {CURLINFO_SPEED_DOWNLOAD_T, &result.receiveSpeed},
@@ -325,11 +325,12 @@ CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
     const CURLcode code = CurlWrapper::gCurlWrapper.Curl_easy_getinfo(Handle(), info, out);
     if (code != CURLE_OK) return ErrorKdCURL(ZU_HERE, code, "Failed to get info [%d]", info);
   }
-  double* const seconds[] = {&result.nameLookup, &result.connect, &result.tls, &result.firstByte,
-                             &result.total};
-  for (size_t i = 0; i < std::size(seconds); ++i) {
-    *seconds[i] = static_cast<double>(microseconds[i]) / kMicrosecondsPerSecond;
-  }
+  const auto seconds = [&](int which) { return static_cast<double>(microseconds[which]) / 1e6; };
+  result.nameLookup = seconds(kNameLookup);
+  result.connect = seconds(kConnect);
+  result.tls = seconds(kTls);
+  result.firstByte = seconds(kFirstByte);
+  result.total = seconds(kTotal);
   result.address = address == nullptr ? "" : address;
   result.httpVersion = HttpVersion(version);
   times = std::move(result);

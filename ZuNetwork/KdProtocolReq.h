@@ -200,9 +200,9 @@ class ZUNETWORK_API KdProtocolReq {
   // Any option of libcurl by its number. The value is set at once and again before every request,
   // whatever the operation does with the option. A refusal is reported at either time. A value of a
   // kind that the option does not take is ErrorInt 1, "Option [%d] takes no such value".
-  CZuError setOption(int option, int value);
+  CZuError setOption(int option, int value) { return setOption(option, long{value}); }
   CZuError setOption(int option, long value);
-  CZuError setOption(int option, long long value);
+  CZuError setOption(int option, long long value) { return setOption(option, long{value}); }
   CZuError setOption(int option, const std::string& value);
 
   // Starts the next transfer at this byte of the file: a download of what is missing, an upload
@@ -239,12 +239,13 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError uploadFile(const char* sourceFilePath, const char* urlPath, size_t fileSize,
                       const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs a text.
+  // POSTs a text. The handle stays set to POST, with an empty body: a listing that follows goes out
+  // as a POST, a download does not.
   CZuError doPostOperation(const char* urlPath, const char* postString,
                            const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs `size` bytes; a null body goes with size 0. The handle stays set to POST and keeps a copy
-  // of the body: a listing that follows goes out as a POST too, a download does not.
+  // POSTs `size` bytes; a null body goes with size 0. The same, but for the handle keeping a copy
+  // of the body, which goes out with that listing.
   CZuError doPostOperation(const char* urlPath, const char* postString, long size,
                            const std::vector<commandInfo>& vCommandInfo);
 
@@ -334,6 +335,10 @@ class ZUNETWORK_API KdProtocolReq {
   CURLcode SetOption(CURLoption option, Value value) {
     return CurlWrapper::gCurlWrapper.Curl_easy_setopt(Handle(), option, value);
   }
+
+  // A request for the size alone, whose headers are swallowed; and back.
+  void SetSizeQuery();
+  void UnsetSizeQuery();
 
   // Null before initialize() and when libcurl could not be loaded; libcurl refuses it.
   CURL* Handle() const { return m_curlContext == nullptr ? nullptr : m_curlContext->m_curl; }

@@ -33,6 +33,11 @@ std::string FollowLinks(const std::string& path, std::error_code& failure) {
   return target;
 }
 
+bool IsRegularOrAbsent(const std::string& path) {
+  std::error_code failure;
+  return !fs::exists(path, failure) || fs::is_regular_file(path, failure);
+}
+
 // A new file beside `path`, which becomes its name. The system takes the umask off `mode`; a
 // program with threads cannot ask for it.
 int CreateBeside(std::string& path, mode_t mode) {
@@ -50,10 +55,17 @@ int CreateBeside(std::string& path, mode_t mode) {
 
 FileSink::~FileSink() {
   if (m_isOwner) close(m_descriptor);
-  if (!m_temporaryPath.empty()) unlink(m_temporaryPath.c_str());
+  if (!m_temporaryPath.empty() && !m_isKept) unlink(m_temporaryPath.c_str());
 }
 
 CZuError FileSink::Open(const std::string& path) {
+  CZuError error = Locate(path);
+  if (!Failed(error)) error = IsRegularOrAbsent(m_path) ? OpenBeside() : OpenDirectly();
+  if (Failed(error)) error.Push(ZU_HERE);
+  return error;
+}
+
+CZuError FileSink::Locate(const std::string& path) {
   if (m_descriptor != -1) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
   }
@@ -63,7 +75,11 @@ CZuError FileSink::Open(const std::string& path) {
   if (failure) {
     return ErrorErrNo(ZU_HERE, failure.value(), "Failed to follow [%s]", path.c_str());
   }
-  if (!fs::exists(m_path, failure) || fs::is_regular_file(m_path, failure)) return OpenBeside();
+  m_isKept = false;
+  return {};
+}
+
+CZuError FileSink::OpenDirectly() {
   m_descriptor = open(m_path.c_str(), O_WRONLY | O_CLOEXEC);
   if (m_descriptor == -1) {
     return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", m_path.c_str());
@@ -84,6 +100,33 @@ CZuError FileSink::OpenBeside() {
   m_temporaryPath = path;
   if (!isReplaced || fchmod(m_descriptor, status.st_mode & 07777) == 0) return {};
   return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
+}
+
+CZuError FileSink::OpenForResume(const std::string& path, std::int64_t& offset) {
+  CZuError error = Locate(path);
+  if (!Failed(error)) {
+    error = IsRegularOrAbsent(m_path) ? OpenPart(offset) : OpenDirectly();
+  }
+  if (Failed(error)) error.Push(ZU_HERE);
+  return error;
+}
+
+CZuError FileSink::OpenPart(std::int64_t& offset) {
+  const std::string path = m_path + ".part";
+  struct stat part;
+  m_descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (m_descriptor == -1 || fstat(m_descriptor, &part) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path.c_str());
+  }
+  m_isOwner = true;
+  m_isKept = true;
+  m_temporaryPath = path;
+  struct stat replaced;
+  if (stat(m_path.c_str(), &replaced) == 0 && fchmod(m_descriptor, replaced.st_mode & 07777) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
+  }
+  offset = part.st_size;
+  return {};
 }
 
 void FileSink::Use(int descriptor) {

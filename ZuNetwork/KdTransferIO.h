@@ -35,6 +35,11 @@ class ZUNETWORK_API FileSink {
 
   CZuError Open(const std::string& path);
 
+  // Goes on with what an interrupted download left in the file "`path`.part", which also stays when
+  // this one is interrupted. `offset` is what is there, for KdProtocolReq::setResumeOffset(); it is
+  // left alone where there can be no such file: beside a device or a pipe.
+  CZuError OpenForResume(const std::string& path, std::int64_t& offset);
+
   // Writes to a descriptor of the caller's, such as standard output, which stays open.
   void Use(int descriptor);
 
@@ -44,11 +49,15 @@ class ZUNETWORK_API FileSink {
   static std::size_t Write(char* data, std::size_t size, std::size_t count, void* instance);
 
  private:
+  CZuError Locate(const std::string& path);
+  CZuError OpenDirectly();
   CZuError OpenBeside();
+  CZuError OpenPart(std::int64_t& offset);
   bool WriteAll(const char* data, std::size_t size);
 
   int m_descriptor = -1;
   bool m_isOwner = false;
+  bool m_isKept = false;  // the temporary file, when it is not complete
   int m_writeError = 0;
   std::string m_path;
   std::string m_temporaryPath;  // empty when the target is written directly

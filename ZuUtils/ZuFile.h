@@ -5,7 +5,8 @@
 #include "ZuUtils/ZuError.h"
 
 // A regular file (or one of /proc) that is read as a whole. Not copyable; used by one thread at a
-// time. A failed system call is ErrorErrNo with the path in the message; a directory is EISDIR.
+// time. A failed system call is ErrorErrNo, with the path in the message where one is given; a
+// directory is EISDIR.
 class ZUUTILS_API CZuFile {
  public:
   CZuFile() = default;

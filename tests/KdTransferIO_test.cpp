@@ -297,6 +297,74 @@ TEST_F(FileSink, WhatIsNoRegularFileIsWrittenDirectly) {
   EXPECT_THAT(Names(), ElementsAre("pipe"));
 }
 
+TEST_F(FileSink, AnInterruptedFileGoesOnWhereItStopped) {
+  std::int64_t offset = -1;
+  {
+    KdCURL::FileSink sink;
+    ASSERT_OK(sink.OpenForResume(m_path, offset));
+    EXPECT_EQ(offset, 0);
+    Give(sink, "one ");
+  }
+  EXPECT_THAT(Names(), ElementsAre("file.part"));
+  ASSERT_OK(m_sink.OpenForResume(m_path, offset));
+  EXPECT_EQ(offset, 4);
+  Give(m_sink, "two");
+  EXPECT_FALSE(fs::exists(m_path));
+  ASSERT_OK(m_sink.Commit());
+  EXPECT_EQ(ReadFile(m_path), "one two");
+  EXPECT_THAT(Names(), ElementsAre("file"));
+}
+
+TEST_F(FileSink, AResumedFileKeepsPermissionsAndLinks) {
+  WriteFile(m_path, "old");
+  fs::permissions(m_path, fs::perms{0600});
+  fs::create_symlink("file", m_folder / "link");
+  std::int64_t offset = -1;
+  ASSERT_OK(m_sink.OpenForResume(m_folder / "link", offset));
+  Give(m_sink, "new");
+  EXPECT_THAT(Names(), ElementsAre("file", "file.part", "link"));
+  ASSERT_OK(m_sink.Commit());
+  EXPECT_TRUE(fs::is_symlink(m_folder / "link"));
+  EXPECT_EQ(ReadFile(m_path), "new");
+  EXPECT_EQ(Permissions(m_path), 0600U);
+  EXPECT_THAT(Names(), ElementsAre("file", "link"));
+}
+
+TEST_F(FileSink, ADeviceIsNeverReplacedByAResumedFile) {
+  std::int64_t offset = 7;
+  ASSERT_OK(m_sink.OpenForResume("/dev/null", offset));
+  EXPECT_EQ(offset, 7);
+  EXPECT_EQ(Give(m_sink, "gone"), 4U);
+  ASSERT_OK(m_sink.Commit());
+  EXPECT_TRUE(fs::is_character_file("/dev/null"));
+  EXPECT_FALSE(fs::exists("/dev/null.part"));
+}
+
+TEST_F(FileSink, WhatCannotBeResumedIsAnError) {
+  std::int64_t offset = 7;
+  EXPECT_FAILS(m_sink.OpenForResume(m_folder / "absent/file", offset), ErrNoCode(ENOENT),
+               "absent/file.part]");
+  fs::create_directory(m_folder / "file.part");
+  EXPECT_FAILS(m_sink.OpenForResume(m_path, offset), ErrNoCode(EISDIR), "file.part]");
+  EXPECT_FAILS(m_sink.OpenForResume("", offset), ErrNoCode(ENOENT), "Failed to open file []");
+  EXPECT_EQ(offset, 7);
+  ASSERT_OK(m_sink.OpenForResume(m_folder / "other", offset));
+  EXPECT_FAILS(m_sink.OpenForResume(m_folder / "third", offset), Win32Code(774),
+               "File already open");
+}
+
+TEST_F(FileSink, AfterAResumedFileTheNextOneIsRemovedAgain) {
+  {
+    std::int64_t offset = 0;
+    KdCURL::FileSink sink;
+    ASSERT_OK(sink.OpenForResume(m_path, offset));
+    ASSERT_OK(sink.Commit());
+    ASSERT_OK(sink.Open(m_folder / "second"));
+    Give(sink, "incomplete");
+  }
+  EXPECT_THAT(Names(), ElementsAre("file"));
+}
+
 TEST_F(FileSink, AFullDiskIsToldByCommit) {
   ASSERT_OK(m_sink.Open("/dev/full"));
   EXPECT_EQ(Give(m_sink, "x"), 0U);

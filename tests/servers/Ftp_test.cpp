@@ -239,3 +239,17 @@ TEST_F(Ftp, ARefusedCommandEndsTheRequest) {
   EXPECT_OK(Upload("x", "file"));
   EXPECT_EQ(Stored("login/file"), "x");
 }
+
+TEST_F(Ftp, CommandsAreSentAsTheyAre) {
+  GiveToBob(m_server.Login() / "a.txt");
+  ASSERT_OK(m_request.addQuoteCommand("SITE CHMOD 600 a.txt"));
+  ASSERT_OK(m_request.addQuoteCommand("RNFR a.txt"));
+  ASSERT_OK(m_request.addQuoteCommand("RNTO b.txt"));
+  ASSERT_OK(m_request.Get("b.txt", {{"MKD folder", "x"}}));
+  EXPECT_EQ(m_request.body.text, "text of a");
+  EXPECT_EQ(fs::status(m_server.Login() / "b.txt").permissions(), fs::perms{0600});
+  EXPECT_TRUE(fs::is_directory(m_server.Login() / "folder:x"));
+  ASSERT_OK(m_request.Get("b.txt")) << "they count for one request";
+  ASSERT_OK(m_request.addQuoteCommand("DELE absent"));
+  EXPECT_FAILS(m_request.Get("b.txt"), TransferCode(CURLE_QUOTE_ERROR), "[21]");
+}

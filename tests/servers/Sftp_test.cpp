@@ -208,3 +208,14 @@ TEST_F(Sftp, TheConnectionIsTold) {
   EXPECT_OK(m_request.Collect().getInfo(KdCURL::CURL_EFFECTIVE_URL, text));
   EXPECT_EQ(text, "sftp://127.0.0.1:" + std::to_string(m_server.Port()) + "/~/a.txt");
 }
+
+TEST_F(Sftp, CommandsAreSentAsTheyAre) {
+  ASSERT_OK(m_request.addQuoteCommand("rename " + Home("a.txt") + " " + Home("b.txt")));
+  ASSERT_OK(m_request.addQuoteCommand("mkdir " + Home("folder")));
+  ASSERT_OK(m_request.Get("~/b.txt"));
+  EXPECT_EQ(m_request.body.text, "text of a");
+  EXPECT_TRUE(fs::is_directory(m_server.Login() / "folder"));
+  ASSERT_OK(m_request.addQuoteCommand("rm " + Home("absent")));
+  EXPECT_FAILS(m_request.Get("~/b.txt"), TransferCode(CURLE_QUOTE_ERROR), "[21]");
+  EXPECT_OK(m_request.Get("~/b.txt"));
+}

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <string>
+
 #include "ZuUtils/ZuError.h"
 
 // Assertions for functions that return CZuError; a failure prints the whole error.
@@ -19,8 +22,10 @@ inline testing::AssertionResult IsFailure(const CZuError& error, unsigned code, 
   if (actual == code && rendered.find(text) != std::string::npos) {
     return testing::AssertionSuccess();
   }
+  char expected[16];
+  std::snprintf(expected, sizeof expected, "0x%08X", code);
   return testing::AssertionFailure()
-         << "expected 0x" << std::hex << code << " with \"" << text << "\", got " << rendered;
+         << "expected " << expected << " with \"" << text << "\", got " << rendered;
 }
 
 #define ASSERT_OK(expr) ASSERT_TRUE(IsOk(expr))

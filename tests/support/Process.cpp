@@ -27,6 +27,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 std::string FindProgram(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
   const char* const path = getenv("PATH");
   std::string folders = (path == nullptr ? std::string() : path) + ":/usr/sbin:/usr/local/sbin:";
   for (size_t end; (end = folders.find(':')) != std::string::npos; folders.erase(0, end + 1)) {

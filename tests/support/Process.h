@@ -11,7 +11,7 @@
 // shown when the test fails. It ends with the object, and with the thread that started it.
 class Process {
  public:
-  // The first word is looked for in PATH and where servers are installed. Throws
+  // The first word is a path or is looked for in PATH and where servers are installed. Throws
   // std::runtime_error when it is missing or cannot be run.
   Process(const std::vector<std::string>& command, std::filesystem::path log);
   ~Process();  // asks it to end, kills its group after five seconds

@@ -10,6 +10,7 @@ constexpr int kExitFailure = 2;
 
 // Each adds one family of subcommands, which run when the arguments are parsed.
 void AddTransferCommands(CLI::App& app);
+void AddSignCommand(CLI::App& app);
 
 // Ends the program with the error's report on standard error, unless it is a success.
 void ExitOnFailure(const CZuError& error);

@@ -1,90 +1,31 @@
-#include <strings.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string_view>
 
 #include "Commands.h"
+#include "Session.h"
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
-#include "ZuNetwork/KdHTTPReq.h"
 #include "ZuNetwork/KdTransferIO.h"
 #include "ZuUtils/ZuFile.h"
 
 namespace {
 
-using KdCURL::KdHTTPReq;
-
-constexpr char kSystemCaBundle[] = "/etc/ssl/certs/ca-certificates.crt";
+namespace fs = std::filesystem;
 
 struct Arguments {
+  SessionOptions session;
   std::string url;
   std::string file;
   std::string output;
   std::string text;
   std::vector<std::string> fields;
-  std::vector<std::string> headers;
-  std::string caBundle = kSystemCaBundle;
-  bool insecure = false;
-  std::string user;
-  std::string proxy;
-  long limitSecs = 0;
-  bool verbose = false;
+  bool isResumed = false;
 };
 
-[[noreturn]] void RefuseUsage(const std::string& message) { throw CLI::ValidationError(message); }
-
-// "left<separator>right"; without a separator all of it is left.
-std::pair<std::string, std::string> SplitAt(const std::string& text, char separator) {
-  const size_t position = text.find(separator);
-  if (position == std::string::npos) return {text, ""};
-  return {text.substr(0, position), text.substr(position + 1)};
-}
-
-// A URL of a server alone lacks the path that separates it from a query.
-std::string WithPath(std::string url) {
-  const size_t serverStart = url.find("://") + 3;
-  const size_t end = url.find_first_of("/?#", serverStart);
-  if (end == std::string::npos) return url + "/";
-  if (url[end] != '/') url.insert(end, "/");
-  return url;
-}
-
-std::string ServerOf(const std::string& url) {
-  return url.substr(0, url.find('/', url.find("://") + 3));
-}
-
-bool IsSecret(std::string_view header) {
-  for (const std::string_view name : {"Authorization:", "Proxy-Authorization:", "Cookie:"}) {
-    if (header.size() >= name.size() && strncasecmp(header.data(), name.data(), name.size()) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
-// libcurl's trace, told only when asked for; bodies and credentials stay out of it.
-int Trace(void* /*handle*/, void* infoType, char* data, unsigned long size, void* instance) {
-  const auto type = static_cast<curl_infotype>(reinterpret_cast<std::uintptr_t>(infoType) & 0xFF);
-  const char* prefix = nullptr;
-  if (type == CURLINFO_TEXT) prefix = "* ";
-  if (type == CURLINFO_HEADER_OUT) prefix = "> ";
-  if (type == CURLINFO_HEADER_IN) prefix = "< ";
-  if (prefix == nullptr || !static_cast<const Arguments*>(instance)->verbose) return 0;
-  std::string_view rest(data, size);
-  while (!rest.empty()) {
-    const size_t end = std::min(rest.find('\n'), rest.size() - 1);
-    const std::string_view line = rest.substr(0, end);
-    const bool hide = type == CURLINFO_HEADER_OUT && IsSecret(line);
-    const std::string_view shown = hide ? line.substr(0, line.find(':') + 1) : line;
-    std::fprintf(stderr, "%s%.*s\n", prefix, static_cast<int>(shown.size()), shown.data());
-    rest.remove_prefix(end + 1);
-  }
-  return 0;
-}
-
-// Passes a body on to the output, but for the pages that come with an error.
+// Passes a body on to the sink, but for the pages that come with an error.
 struct Response {
   KdCURL::FileSink sink;
   bool isError = false;
@@ -93,9 +34,8 @@ struct Response {
     constexpr std::string_view kStatusLine = "HTTP/";
     const std::string_view line(data, size * count);
     if (line.substr(0, kStatusLine.size()) == kStatusLine) {
-      const size_t code = line.find(' ');
-      static_cast<Response*>(instance)->isError =
-          code != std::string_view::npos && line.substr(code + 1, 1) >= "4";
+      const size_t blank = std::min(line.find(' '), line.size() - 1);
+      static_cast<Response*>(instance)->isError = line.substr(blank + 1, 1) >= "4";
     }
     return size * count;
   }
@@ -107,166 +47,211 @@ struct Response {
   }
 };
 
-class HttpCommand {
- public:
-  explicit HttpCommand(Arguments& arguments)
-      : m_arguments(arguments), m_url(WithPath(arguments.url)), m_request(Protocol(m_url)) {
-    ExitOnFailure(m_request.initialize());
-    ExitOnFailure(m_request.setTraceCallBack(&m_arguments, Trace));
-    m_request.setURL(ServerOf(m_url));
-    ExitOnFailure(m_request.setSecured(!m_arguments.insecure, m_arguments.caBundle));
-    if (!m_arguments.user.empty()) {
-      const auto [name, password] = SplitAt(m_arguments.user, ':');
-      ExitOnFailure(m_request.setCredentials(name, password));
-      ExitOnFailure(m_request.setHTTPAuth(static_cast<long>(CURLAUTH_ANY)));
-    }
-    if (!m_arguments.proxy.empty()) SetProxy();
-    if (m_arguments.limitSecs > 0) ExitOnFailure(m_request.SetTimeOut(m_arguments.limitSecs));
-    for (const std::string& header : m_arguments.headers) {
-      const auto [name, value] = SplitAt(header, ':');
-      m_headers.push_back(
-          {name, value.substr(std::min(value.find_first_not_of(' '), value.size()))});
-    }
-  }
+void Receive(Session& session, Response& response) {
+  session.Request().setWriteCallBack(&response, Response::TakeBody);
+  session.Request().setHeaderWriteCallBack(&response, Response::TakeHeader);
+}
 
-  void Get() {
-    Start();
-    Finish(m_request.download(m_url.c_str(), m_headers));
-  }
+// A write that failed has its reason with the sink.
+void Finish(Response& response, const CZuError& error) {
+  if (KdCURL::IsKdCURL(error, CURLE_WRITE_ERROR)) ExitOnFailure(response.sink.Commit());
+  ExitOnFailure(error);
+  ExitOnFailure(response.sink.Commit());
+}
 
-  void Put() {
-    ReadBody();
-    Start();
-    Finish(m_request.doPutOperation(m_url.c_str(), m_body.get(), m_size, m_headers));
+void OpenOutput(Response& response, const std::string& output) {
+  if (output.empty()) {
+    response.sink.Use(STDOUT_FILENO);
+  } else {
+    ExitOnFailure(response.sink.Open(output));
   }
+}
 
-  void Post() {
-    if (m_arguments.fields.empty()) {
-      PostBody();
-    } else {
-      PostForm();
-    }
-  }
-
-  void Delete() {
-    Start();
-    Finish(m_request.doDeleteOperation(m_url.c_str(), "", 0, m_headers));
-  }
-
-  void Size() {
-    double size = 0.0;
-    ExitOnFailure(m_request.getFileInfo(m_url, size));
-    std::printf("%.0f\n", size);
-  }
-
-  void Exists() {
-    bool exists = false;
-    const bool isFile = m_url.back() != '/';
-    ExitOnFailure(m_request.checkIfFileOrDirExists(m_url, isFile, exists));
-    std::puts(exists ? "exists" : "absent");
-    if (!exists) throw CLI::RuntimeError(kExitAbsent);
-  }
-
- private:
-  static KdCURL::HTTPProtocol Protocol(const std::string& url) {
-    if (url.rfind("https://", 0) == 0) return KdCURL::HTTPS;
-    if (url.rfind("http://", 0) == 0) return KdCURL::HTTP;
-    RefuseUsage("URL: " + url + " begins with neither http:// nor https://");
-  }
-
-  void SetProxy() {
-    std::string server = m_arguments.proxy;
-    if (server.rfind("http://", 0) == 0) server.erase(0, 7);
-    std::string credentials;
-    if (const size_t at = server.rfind('@'); at != std::string::npos) {
-      credentials = server.substr(0, at);
-      server.erase(0, at + 1);
-    }
-    const auto [name, password] = SplitAt(credentials, ':');
-    const auto [host, port] = SplitAt(server, ':');
-    ExitOnFailure(m_request.setProxyDetails(host, name, password, port.empty() ? "8080" : port));
-  }
-
-  void Start() {
-    if (m_arguments.output.empty()) {
-      m_response.sink.Use(STDOUT_FILENO);
-    } else {
-      ExitOnFailure(m_response.sink.Open(m_arguments.output));
-    }
-    m_request.setWriteCallBack(&m_response, Response::TakeBody);
-    m_request.setHeaderWriteCallBack(&m_response, Response::TakeHeader);
-  }
-
-  void Finish(CZuError error) {
-    if (KdCURL::IsKdCURL(error, CURLE_WRITE_ERROR)) {
-      const CZuError reason = m_response.sink.Commit();
-      if (Failed(reason)) error = reason;
-    }
-    ExitOnFailure(error);
-    ExitOnFailure(m_response.sink.Commit());
-  }
-
-  void ReadBody() {
-    char* content = nullptr;
-    size_t length = 0;
-    const CZuError error = CZuFile::ReadWholeFile(m_arguments.file.c_str(), &content, length);
-    if (FXErrorUtil::IsWin32(error, kErrorEmpty)) {
-      content = new char[1]{};
-    } else {
-      ExitOnFailure(error);
-    }
-    m_body.reset(content);
-    m_size = static_cast<long>(length);
-  }
-
-  void PostBody() {
-    if (m_arguments.file.empty()) {
-      Start();
-      Finish(m_request.doPostOperation(m_url.c_str(), m_arguments.text.c_str(),
-                                       static_cast<long>(m_arguments.text.size()), m_headers));
-    } else {
-      ReadBody();
-      Start();
-      Finish(m_request.doPostOperation(m_url.c_str(), m_body.get(), m_size, m_headers));
-    }
-  }
-
-  // "name=value" is sent as it is, "name=@path" sends a file.
-  void PostForm() {
-    for (const std::string& field : m_arguments.fields) {
-      const auto [name, value] = SplitAt(field, '=');
-      const bool isFile = value.rfind('@', 0) == 0;
-      ExitOnFailure(m_request.addFormValues(name, isFile ? CURLFORM_FILE : CURLFORM_COPYCONTENTS,
-                                            isFile ? value.substr(1) : value));
-    }
-    Start();
-    Finish(m_request.uploadFile("form", m_url.c_str(), 0, m_headers));
-  }
-
-  Arguments& m_arguments;
-  std::string m_url;
-  KdHTTPReq m_request;
-  std::vector<KdCURL::commandInfo> m_headers;
-  Response m_response;
-  std::unique_ptr<char[]> m_body;
-  long m_size = 0;
+// A file as a buffer, which an empty one has too.
+struct Body {
+  std::unique_ptr<char[]> bytes;
+  long size = 0;
 };
 
-CLI::App* AddCommand(CLI::App& app, const std::shared_ptr<Arguments>& arguments,
-                     const std::string& name, const std::string& description,
-                     void (HttpCommand::*run)()) {
+Body ReadBody(const std::string& path) {
+  char* content = nullptr;
+  size_t length = 0;
+  const CZuError error = CZuFile::ReadWholeFile(path.c_str(), &content, length);
+  if (FXErrorUtil::IsWin32(error, kErrorEmpty)) {
+    content = new char[1]{};
+  } else {
+    ExitOnFailure(error);
+  }
+  return {std::unique_ptr<char[]>(content), static_cast<long>(length)};
+}
+
+// True when the part that is there is the whole file.
+bool IsComplete(const Arguments& arguments, std::int64_t offset) {
+  if (offset == 0) return false;
+  Session session(arguments.url, arguments.session);
+  double size = 0.0;
+  ExitOnFailure(session.Request().getFileInfo(session.Url(), size));
+  return size == static_cast<double>(offset);
+}
+
+void Get(const Arguments& arguments) {
+  Response response;
+  std::int64_t offset = 0;
+  if (arguments.isResumed) {
+    ExitOnFailure(response.sink.OpenForResume(arguments.output, offset));
+    if (IsComplete(arguments, offset)) return ExitOnFailure(response.sink.Commit());
+  } else {
+    OpenOutput(response, arguments.output);
+  }
+  Session session(arguments.url, arguments.session);
+  if (!arguments.output.empty()) session.ShowProgress();
+  session.Request().setResumeOffset(offset);
+  Receive(session, response);
+  Finish(response, session.Request().download(session.Url().c_str(), session.Headers()));
+}
+
+void Put(const Arguments& arguments) {
+  Session session(arguments.url, arguments.session);
+  session.ShowProgress();
+  if (KdCURL::KdHTTPReq* const http = session.Http()) {
+    const Body body = ReadBody(arguments.file);
+    Response response;
+    OpenOutput(response, "");
+    Receive(session, response);
+    return Finish(response, http->doPutOperation(session.Url().c_str(), body.bytes.get(), body.size,
+                                                 session.Headers()));
+  }
+  std::error_code failure;
+  const std::uintmax_t size = fs::file_size(arguments.file, failure);
+  if (failure) {
+    ExitOnFailure(FXErrorUtil::ErrorErrNo(ZU_HERE, failure.value(), "Cannot send [%s]",
+                                          arguments.file.c_str()));
+  }
+  ExitOnFailure(session.Request().uploadFile(arguments.file.c_str(), session.Url().c_str(), size,
+                                             session.Headers()));
+}
+
+KdCURL::KdHTTPReq& RequireHttp(Session& session) {
+  if (session.Http() == nullptr) throw CLI::ValidationError("URL: POST is for HTTP alone");
+  return *session.Http();
+}
+
+// "name=value" is sent as it is, "name=@path" sends a file.
+CZuError PostForm(const Arguments& arguments, Session& session, KdCURL::KdHTTPReq& http) {
+  for (const std::string& field : arguments.fields) {
+    const auto [name, value] = SplitAt(field, '=');
+    const bool isFile = value.rfind('@', 0) == 0;
+    ExitOnFailure(http.addFormValues(name, isFile ? CURLFORM_FILE : CURLFORM_COPYCONTENTS,
+                                     isFile ? value.substr(1) : value));
+  }
+  return http.uploadFile("form", session.Url().c_str(), 0, session.Headers());
+}
+
+void Post(const Arguments& arguments) {
+  Session session(arguments.url, arguments.session);
+  KdCURL::KdHTTPReq& http = RequireHttp(session);
+  Response response;
+  OpenOutput(response, arguments.output);
+  Receive(session, response);
+  if (!arguments.fields.empty()) return Finish(response, PostForm(arguments, session, http));
+  if (arguments.file.empty()) {
+    return Finish(response, http.doPostOperation(session.Url().c_str(), arguments.text.c_str(),
+                                                 static_cast<long>(arguments.text.size()),
+                                                 session.Headers()));
+  }
+  const Body body = ReadBody(arguments.file);
+  Finish(response, http.doPostOperation(session.Url().c_str(), body.bytes.get(), body.size,
+                                        session.Headers()));
+}
+
+void Delete(const Arguments& arguments) {
+  Session session(arguments.url, arguments.session);
+  if (KdCURL::KdHTTPReq* const http = session.Http()) {
+    Response response;
+    OpenOutput(response, "");
+    Receive(session, response);
+    return Finish(response,
+                  http->doDeleteOperation(session.Url().c_str(), "", 0, session.Headers()));
+  }
+  // The path begins with the slash that ends the server; FTP's commands count from the login
+  // folder.
+  const std::string path = session.Path();
+  const std::string command = session.IsSftp() ? "rm \"" + path + "\"" : "DELE " + path.substr(1);
+  ExitOnFailure(session.Ftp()->addQuoteCommand(command));
+  session.Request().setURLPath("");
+  std::string ignored;
+  ExitOnFailure(session.Request().getInfo(KdCURL::CURL_EFFECTIVE_URL, ignored));
+}
+
+void List(const Arguments& arguments) {
+  Session session(arguments.url, arguments.session);
+  std::string name = fs::temp_directory_path() / "zunet.XXXXXX";
+  const int descriptor = mkstemp(name.data());
+  if (descriptor == -1) ExitOnFailure(FXErrorUtil::ErrorErrNo(ZU_HERE, errno, "No room to list"));
+  const auto remove = [&name](const int* file) {
+    close(*file);
+    unlink(name.c_str());
+  };
+  const std::unique_ptr<const int, decltype(remove)> guard(&descriptor, remove);
+
+  KdCURL::KdProtocolReq& request = session.Request();
+  request.setLenientListing(true);
+  Response response;
+  response.sink.Use(descriptor);
+  Receive(session, response);
+  Finish(response, request.getFilesAndDirsInfoInFile(session.Url()));
+  std::vector<KdCURL::FileDirInfo> entries;
+  std::string folder = session.Path();
+  if (folder.back() != '/') folder += '/';
+  ExitOnFailure(request.collectFilesAndDir(name, &entries, folder));
+  for (const KdCURL::FileDirInfo& entry : entries) {
+    // A listing of names (FTP, SFTP) does not tell folders from files.
+    const bool isFolder = session.Http() != nullptr && !entry.isFile;
+    std::printf("%s%s\n", entry.name.c_str(), isFolder ? "/" : "");
+  }
+}
+
+void Size(const Arguments& arguments) {
+  Session session(arguments.url, arguments.session);
+  double size = 0.0;
+  ExitOnFailure(session.Request().getFileInfo(session.Url(), size));
+  std::printf("%.0f\n", size);
+}
+
+void Exists(const Arguments& arguments) {
+  Session session(arguments.url, arguments.session);
+  KdCURL::KdProtocolReq& request = session.Request();
+  const bool isFile = session.Url().back() != '/';
+  bool exists = false;
+  const CZuError error = request.checkIfFileOrDirExists(session.Url(), isFile, exists);
+  int code = 0;
+  std::string text;
+  request.getLastCurlErrorCodeAndErrorMsg(code, text);
+  // FTP and SFTP servers refuse what is not there, and libcurl says so by its codes.
+  const bool isMissing = code == CURLE_REMOTE_FILE_NOT_FOUND || code == CURLE_REMOTE_ACCESS_DENIED;
+  if (!isMissing) ExitOnFailure(error);
+  std::puts(exists ? "exists" : "absent");
+  if (!exists) throw CLI::RuntimeError(kExitAbsent);
+}
+
+CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     const std::shared_ptr<Arguments>& arguments, void (*run)(const Arguments&)) {
   CLI::App* const command = app.add_subcommand(name, description);
-  command->add_option("-H,--header", arguments->headers, "Send the header \"Name: value\"")
-      ->allow_extra_args(false);
-  command->add_option("--cacert", arguments->caBundle, "Verify the server against this CA bundle")
+  SessionOptions& session = arguments->session;
+  command->add_option("--user", session.user, "Log in as \"name:password\"");
+  command->add_option("--key", session.key, "Log in with this private key (SFTP)");
+  command->add_option("--proxy", session.proxy, "Go through \"[name:password@]host[:port]\"");
+  command->add_option("--cacert", session.caBundle, "Verify the server against this CA bundle")
       ->capture_default_str();
-  command->add_flag("--insecure", arguments->insecure, "Do not verify the server");
-  command->add_option("--user", arguments->user, "Log in as \"name:password\"");
-  command->add_option("--proxy", arguments->proxy, "Go through \"[name:password@]host[:port]\"");
-  command->add_option("--limit-time", arguments->limitSecs, "Give up after so many seconds")
+  command->add_flag("--insecure", session.isInsecure, "Do not verify the server");
+  command->add_flag("--tls", session.isTls, "Require TLS on the control connection (FTP)");
+  command->add_flag("--active", session.isActive, "Let the server connect back (FTP)");
+  command->add_option("--limit-time", session.limitSecs, "Give up after so many seconds")
       ->check(CLI::PositiveNumber);
-  command->add_flag("-v,--verbose", arguments->verbose, "Trace the exchange on standard error");
-  command->callback([arguments, run] { (HttpCommand(*arguments).*run)(); });
+  command->add_option("-H,--header", session.headers, "Send the header \"Name: value\" (HTTP)")
+      ->allow_extra_args(false);
+  command->add_flag("-v,--verbose", session.isVerbose, "Trace the exchange on standard error");
+  command->callback([arguments, run] { run(*arguments); });
   return command;
 }
 
@@ -274,18 +259,25 @@ CLI::App* AddCommand(CLI::App& app, const std::shared_ptr<Arguments>& arguments,
 
 void AddTransferCommands(CLI::App& app) {
   const auto arguments = std::make_shared<Arguments>();
+  const auto addUrl = [&](CLI::App* command) {
+    command->add_option("URL", arguments->url, "http, https, ftp or sftp")->required();
+  };
 
-  CLI::App* command = AddCommand(app, arguments, "get", "Download a URL", &HttpCommand::Get);
-  command->add_option("URL", arguments->url)->required();
-  command->add_option("-o,--output", arguments->output,
-                      "Write to this file, which is replaced only by a complete download");
+  CLI::App* command = AddCommand(app, "get", "Download a file", arguments, Get);
+  addUrl(command);
+  CLI::Option* const output =
+      command->add_option("-o,--output", arguments->output,
+                          "Write to this file, which is replaced only by a complete download");
+  command
+      ->add_flag("--resume", arguments->isResumed, "Go on with FILE.part, and keep it if cut off")
+      ->needs(output);
 
-  command = AddCommand(app, arguments, "put", "Upload a file to a URL", &HttpCommand::Put);
+  command = AddCommand(app, "put", "Upload a file", arguments, Put);
   command->add_option("FILE", arguments->file)->required();
-  command->add_option("URL", arguments->url)->required();
+  addUrl(command);
 
-  command = AddCommand(app, arguments, "post", "POST a body or a form", &HttpCommand::Post);
-  command->add_option("URL", arguments->url)->required();
+  command = AddCommand(app, "post", "POST a body or a form (HTTP)", arguments, Post);
+  addUrl(command);
   command->add_option("-o,--output", arguments->output, "Write the answer to this file");
   CLI::Option* const text = command->add_option("-d,--data", arguments->text, "The body as text");
   CLI::Option* const file = command->add_option("-f,--file", arguments->file, "The body as a file");
@@ -295,14 +287,9 @@ void AddTransferCommands(CLI::App& app) {
   text->excludes(file)->excludes(form);
   file->excludes(form);
 
-  command = AddCommand(app, arguments, "delete", "Delete a URL", &HttpCommand::Delete);
-  command->add_option("URL", arguments->url)->required();
-
-  command = AddCommand(app, arguments, "size", "Print the size of a file", &HttpCommand::Size);
-  command->add_option("URL", arguments->url)->required();
-
-  command = AddCommand(app, arguments, "exists",
-                       "Tell whether a file, or a directory (ending in a slash), exists",
-                       &HttpCommand::Exists);
-  command->add_option("URL", arguments->url)->required();
+  addUrl(AddCommand(app, "delete", "Delete a file", arguments, Delete));
+  addUrl(AddCommand(app, "ls", "List a folder", arguments, List));
+  addUrl(AddCommand(app, "size", "Print the size of a file", arguments, Size));
+  addUrl(AddCommand(app, "exists", "Tell whether a file, or a folder (ending in a slash), exists",
+                    arguments, Exists));
 }

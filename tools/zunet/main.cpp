@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <exception>
 
 #include "Commands.h"
 
@@ -8,11 +9,15 @@ void ExitOnFailure(const CZuError& error) {
   throw CLI::RuntimeError(kExitFailure);
 }
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   CLI::App app{"Files and addresses on the network, by the ZuNetwork library", "zunet"};
   app.set_version_flag("--version", ZUNET_VERSION);
   app.require_subcommand(1);
   AddTransferCommands(app);
+  AddSignCommand(app);
   CLI11_PARSE(app, argc, argv);
   return 0;
+} catch (const std::exception& exception) {
+  std::fprintf(stderr, "zunet: %s\n", exception.what());
+  return kExitFailure;
 }

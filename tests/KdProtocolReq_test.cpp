@@ -1,0 +1,338 @@
+#include "ZuNetwork/KdProtocolReq.h"
+
+#include "fakes/TestReq.h"
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+int Trace(void*, void*, char*, unsigned long, void*) { return 0; }
+
+// Construction and initialisation.
+
+using KdProtocolReqTest = FakeCurlTest;
+
+TEST_F(KdProtocolReqTest, ConstructionTouchesNothing) {
+  {
+    const TestReq req(fake);
+    EXPECT_EQ(req.m_strURL + req.m_strURLPath + req.m_strURLUserName + req.m_strURLPassword +
+                  req.m_strSourceFile + req.m_strPortNo + req.m_strPostString + req.m_operationName,
+              "");
+    EXPECT_THAT(req.m_mHeaders, IsEmpty());
+    EXPECT_EQ(req.m_PostBuffer, nullptr);
+    EXPECT_EQ(req.m_OpType, KdCURL::OP_NONE);
+    EXPECT_EQ(req.m_lDataSize, 0);
+    EXPECT_FALSE(req.m_bIsProxySet);
+    EXPECT_EQ(req.m_WriteFunPtr, nullptr);
+    EXPECT_EQ(req.m_ReadFunPtr, nullptr);
+    EXPECT_EQ(req.m_HeaderWriteFunPtr, nullptr);
+    EXPECT_EQ(req.m_KdWriteCallbackInstancePtr, nullptr);
+    EXPECT_EQ(req.m_KdReadCallbackInstancePtr, nullptr);
+    EXPECT_EQ(req.m_KdHeaderWriteCallbackInstancePtr, nullptr);
+    EXPECT_EQ(req.m_curlContext, nullptr);
+    EXPECT_EQ(req.m_szErrorBuffer, nullptr);
+    EXPECT_FALSE(req.m_bProtocolInitialized);
+    EXPECT_EQ(req.m_curlCode, 0);
+    EXPECT_EQ(req.m_responseCode, 0);
+    EXPECT_EQ(TestReq::ssl_mutex, nullptr);
+  }
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+std::vector<std::string> DefaultOptions(const TestReq& req) {
+  return {Shown(CURLOPT_ERRORBUFFER, static_cast<const void*>(req.m_szErrorBuffer)),
+          Shown(CURLOPT_FOLLOWLOCATION, 1L),
+          Shown(CURLOPT_POSTREDIR, 7L),
+          Shown(CURLOPT_VERBOSE, 1L),
+          Shown(CURLOPT_SSL_VERIFYPEER, 1L),
+          Shown(CURLOPT_SSL_VERIFYHOST, 2L),
+          Shown(CURLOPT_CAINFO, "./curl-ca-bundle.crt")};
+}
+
+TEST_F(KdProtocolReqTest, InitializeSetsTheDefaultsAndNoTimeLimit) {
+  {
+    TestReq req(fake);
+    ASSERT_OK(req.initialize());
+    EXPECT_TRUE(req.m_bProtocolInitialized);
+    EXPECT_EQ(req.m_OpType, KdCURL::OP_DOWNLOAD_FILE);
+    EXPECT_EQ(req.m_curlCode, 0);
+    ASSERT_NE(req.m_szErrorBuffer, nullptr);
+    EXPECT_TRUE(IsCleared(req.m_szErrorBuffer));
+    EXPECT_EQ(fake.calls.front(), "easy_init");
+    EXPECT_THAT(Options(), ElementsAreArray(DefaultOptions(req)));
+    EXPECT_EQ(fake.calls.size(), 8u);
+    Mark();
+  }
+  EXPECT_THAT(Calls(), ElementsAre("easy_cleanup handle1"));
+}
+
+TEST_F(KdProtocolReqTest, InitializeWithoutAHandleFails) {
+  fake.nulls.insert("easy_init");
+  TestReq req(fake);
+  const CZuError error = req.initialize();
+  EXPECT_FAILS(error, 0xFFFFFFFF, "Failed to get CURL handle");
+  EXPECT_THAT(error.AsString(), HasSubstr("KdProtocolReq.cpp"));
+  EXPECT_FALSE(req.m_bProtocolInitialized);
+  EXPECT_NE(req.m_szErrorBuffer, nullptr);
+  EXPECT_NE(req.m_curlContext, nullptr);
+  EXPECT_THAT(Calls(), ElementsAre("easy_init"));
+  EXPECT_FAILS(req.SetTimeOut(5), IntCode(1), "not initialized yet");
+}
+
+TEST_F(KdProtocolReqTest, InitializeStopsAtTheFirstRefusedDefault) {
+  for (int n = 1; n <= 7; ++n) {
+    SCOPED_TRACE(n);
+    library.Reset();
+    Mark();
+    fake.refusedOptionAt[n] = kRefusal;
+    TestReq req(fake);
+    const CZuError error = req.initialize();
+    const std::vector<std::string> defaults = DefaultOptions(req);
+    const std::string& refused = defaults[static_cast<size_t>(n - 1)];
+    const std::string number = refused.substr(0, refused.find(' '));
+    EXPECT_FAILS(error, TransferCode(kRefusal), ("Failed to set option [" + number + "]").c_str());
+    EXPECT_THAT(error.AsString(), HasSubstr("::setDefaultConfiguration()"));
+    EXPECT_THAT(error.AsString(), EndsWith("::initialize()"));
+    EXPECT_THAT(Options(), ElementsAreArray(defaults.begin(), defaults.begin() + n));
+    EXPECT_FALSE(req.m_bProtocolInitialized);
+    EXPECT_EQ(req.m_curlCode, kRefusal);
+    EXPECT_FAILS(req.SendReqest(), IntCode(1), "not initialized yet");
+  }
+}
+
+TEST_F(KdProtocolReqTest, AFailedInitializeCanBeRepeated) {
+  TestReq req(fake);
+  fake.refusedOptions[CURLOPT_CAINFO] = kRefusal;
+  EXPECT_TRUE(Failed(req.initialize()));
+  fake.refusedOptions.clear();
+  EXPECT_OK(req.initialize());
+  EXPECT_TRUE(req.m_bProtocolInitialized);
+}
+
+TEST_F(KdProtocolReqTest, ASecondInitializeTakesANewHandleAndLeaksNothing) {
+  {
+    TestReq req(fake);
+    ASSERT_OK(req.initialize());
+    const char* const buffer = req.m_szErrorBuffer;
+    ASSERT_OK(req.initialize());
+    EXPECT_NE(req.m_szErrorBuffer, buffer);
+    EXPECT_EQ(fake.Show(req.m_curlContext->m_curl), "handle2");
+    // The object is initialised by now, so this time the default time limit is accepted.
+    std::vector<std::string> options = DefaultOptions(req);
+    options.insert(options.begin(), Shown(CURLOPT_TIMEOUT, 1080L));
+    EXPECT_THAT(fake.CallsTo("easy_setopt handle2 "), ElementsAreArray(options));
+    EXPECT_EQ(fake.Alive().size(), 2u);
+  }
+  EXPECT_THAT(fake.Alive(), IsEmpty());
+}
+
+TEST_F(KdProtocolReqTest, GlobalInitialisationIsDoneOnceItSucceeded) {
+  TestReq::m_gbInit = false;
+  fake.results["global_init"] = CURLE_FAILED_INIT;
+  TestReq::initializeCurlLibrary();
+  EXPECT_FALSE(TestReq::m_gbInit);
+  fake.results.clear();
+  TestReq::initializeCurlLibrary();
+  EXPECT_TRUE(TestReq::m_gbInit);
+  TestReq::initializeCurlLibrary();
+  EXPECT_THAT(Calls(), ElementsAre("global_init 3", "global_init 3"));
+  TestReq::deinitializeCurlLibrary();
+  EXPECT_TRUE(TestReq::m_gbInit);
+  EXPECT_EQ(Calls().size(), 2u);
+}
+
+// The setters.
+
+enum class Kind { kUsual, kWithCodeInText, kStaleCode };
+
+struct Setter {
+  const char* label;
+  std::function<CZuError(TestReq&)> call;
+  std::vector<std::string> options;
+  const char* lastWord;  // of the not-initialised text
+  Kind kind = Kind::kUsual;
+};
+
+std::vector<Setter> Setters() {
+  return {
+      {"setSecured on",
+       [](TestReq& r) { return r.setSecured(true, "/ca.crt"); },
+       {"64 1", "81 2", "10065 \"/ca.crt\""},
+       "function."},
+      {"setSecured off",
+       [](TestReq& r) { return r.setSecured(false, "/ca.crt"); },
+       {"64 0", "81 0"},
+       "function."},
+      {"setMaxSSLVersion",
+       [](TestReq& r) { return r.setMaxSSLVersion(CURL_SSLVERSION_MAX_TLSv1_2); },
+       {"32 393216", "250 393216"},
+       "function.",
+       Kind::kWithCodeInText},
+      {"setKeepAlive on",
+       [](TestReq& r) { return r.setKeepAlive(true, 60, 5000000000L); },
+       {"213 1", "214 60", "215 5000000000"},
+       "function.",
+       Kind::kStaleCode},
+      {"setKeepAlive off",
+       [](TestReq& r) { return r.setKeepAlive(false, 60, 30); },
+       {"213 0"},
+       "function.",
+       Kind::kStaleCode},
+      {"setProxyDetails",
+       [](TestReq& r) { return r.setProxyDetails("p", "u", "w", "3128"); },
+       {"101 0", "10004 \"p:3128\"", "10006 \"u:w\""},
+       "function."},
+      {"setProxyDetails, server alone",
+       [](TestReq& r) { return r.setProxyDetails("p", "", "", ""); },
+       {"101 0", "10004 \"p:\"", "10006 \":\""},
+       "function."},
+      {"setProxyBypass",
+       [](TestReq& r) { return r.setProxyBypass("a,b"); },
+       {"10177 \"a,b\""},
+       "function."},
+      {"DisableProxy", [](TestReq& r) { return r.DisableProxy(); }, {"10004 \"\""}, "functions."},
+      {"setProyAuth",
+       [](TestReq& r) { return r.setProyAuth(0x100000009L); },
+       {"111 4294967305"},
+       "functions."},
+      {"SetTimeOut", [](TestReq& r) { return r.SetTimeOut(-5); }, {"13 -5"}, "functions."},
+      {"SetConnectionTimeOut",
+       [](TestReq& r) { return r.SetConnectionTimeOut(7); },
+       {"78 7"},
+       "functions."},
+      {"setCredentials",
+       [](TestReq& r) { return r.setCredentials("u", "p:w"); },
+       {"10005 \"u:p:w\""},
+       "function."},
+      {"setCredentials, empty",
+       [](TestReq& r) { return r.setCredentials("", ""); },
+       {"10005 \":\""},
+       "function."},
+  };
+}
+
+class KdProtocolReqSetters : public TestReqTest {};
+
+TEST_F(KdProtocolReqSetters, SetTheirOptionsInOrder) {
+  for (const Setter& setter : Setters()) {
+    SCOPED_TRACE(setter.label);
+    Mark();
+    req->m_curlCode = kStale;
+    EXPECT_OK(setter.call(*req));
+    EXPECT_THAT(Options(), ElementsAreArray(setter.options));
+    EXPECT_EQ(Calls().size(), setter.options.size());
+    EXPECT_EQ(req->m_curlCode, setter.kind == Kind::kStaleCode ? kStale : 0);
+  }
+}
+
+TEST_F(KdProtocolReqSetters, StopAtTheFirstRefusal) {
+  for (const Setter& setter : Setters()) {
+    for (size_t n = 0; n < setter.options.size(); ++n) {
+      const std::string& refused = setter.options[n];
+      const std::string number = refused.substr(0, refused.find(' '));
+      SCOPED_TRACE(setter.label + (" " + number));
+      Mark();
+      fake.refusedOptions = {{std::stoi(number), kRefusal}};
+      req->m_curlCode = kStale;
+      const CZuError error = setter.call(*req);
+      std::string text = "Failed to set option [" + number + "]";
+      if (setter.kind == Kind::kWithCodeInText) text += ". Curl Error code [48] ";
+      const int code = setter.kind == Kind::kStaleCode ? kStale : kRefusal;
+      EXPECT_FAILS(error, TransferCode(code), text.c_str());
+      EXPECT_THAT(error.AsString(), EndsWith("-" + text));
+      EXPECT_THAT(error.AsString(), HasSubstr("KdProtocolReq.cpp"));
+      EXPECT_EQ(req->m_curlCode, code);
+      EXPECT_THAT(Options(),
+                  ElementsAreArray(setter.options.begin(),
+                                   setter.options.begin() + static_cast<std::ptrdiff_t>(n) + 1));
+    }
+  }
+}
+
+TEST_F(KdProtocolReqSetters, NeedAnInitialisedObject) {
+  TestReq fresh(fake);
+  for (const Setter& setter : Setters()) {
+    SCOPED_TRACE(setter.label);
+    const CZuError error = setter.call(fresh);
+    EXPECT_FAILS(error, IntCode(1), "not initialized yet");
+    EXPECT_THAT(error.AsString(), EndsWith(", " + kNotInitialized + setter.lastWord));
+  }
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(KdProtocolReqSetters, ClearTheErrorBuffer) {
+  TestReq refused(fake);
+  fake.refusedOptions[CURLOPT_CAINFO] = kRefusal;
+  EXPECT_TRUE(Failed(refused.initialize()));
+  fake.refusedOptions.clear();
+  for (const Setter& setter : Setters()) {
+    SCOPED_TRACE(setter.label);
+    std::memset(req->m_szErrorBuffer, 'x', kErrorBufferSize);
+    std::memset(refused.m_szErrorBuffer, 'x', kErrorBufferSize);
+    EXPECT_OK(setter.call(*req));
+    EXPECT_TRUE(Failed(setter.call(refused)));
+    EXPECT_TRUE(IsCleared(req->m_szErrorBuffer));
+    EXPECT_TRUE(IsCleared(refused.m_szErrorBuffer));
+  }
+}
+
+TEST_F(KdProtocolReqSetters, KeepAliveReportsTheCodeOfTheLastRequest) {
+  fake.refusedOptions[CURLOPT_TCP_KEEPALIVE] = kRefusal;
+  req->m_curlCode = 0;
+  EXPECT_FAILS(req->setKeepAlive(true, 1, 1), 0xEDD00000,
+               "/KdCURL.0.0x0-Failed to set option [213]");
+}
+
+TEST_F(KdProtocolReqSetters, AProxyCountsWhenAllItsOptionsWereTaken) {
+  for (const CURLoption option : {CURLOPT_PROXYTYPE, CURLOPT_PROXY, CURLOPT_PROXYUSERPWD}) {
+    fake.refusedOptions = {{option, kRefusal}};
+    EXPECT_TRUE(Failed(req->setProxyDetails("p", "u", "w", "1")));
+    EXPECT_FALSE(req->m_bIsProxySet) << option;
+  }
+  fake.refusedOptions.clear();
+  EXPECT_OK(req->setProxyDetails("p", "u", "w", "1"));
+  EXPECT_TRUE(req->m_bIsProxySet);
+  EXPECT_OK(req->DisableProxy());
+  EXPECT_TRUE(req->m_bIsProxySet);
+}
+
+TEST_F(KdProtocolReqSetters, CredentialsAreKeptEvenWhenLibcurlRefusesThem) {
+  fake.refusedOptions[CURLOPT_USERPWD] = kRefusal;
+  EXPECT_TRUE(Failed(req->setCredentials("u", "w")));
+  EXPECT_EQ(req->m_strURLUserName, "u");
+  EXPECT_EQ(req->m_strURLPassword, "w");
+}
+
+TEST_F(KdProtocolReqSetters, TheTraceIsHandedOnWhateverLibcurlSays) {
+  int instance = 0;
+  const std::vector<std::string> options = {
+      Shown(CURLOPT_DEBUGFUNCTION, &Trace),
+      Shown(CURLOPT_DEBUGDATA, static_cast<const void*>(&instance))};
+  req->m_curlCode = kStale;
+  EXPECT_OK(req->setTraceCallBack(&instance, &Trace));
+  EXPECT_THAT(Options(), ElementsAreArray(options));
+  Mark();
+  fake.refusedOptions = {{CURLOPT_DEBUGFUNCTION, kRefusal}, {CURLOPT_DEBUGDATA, kRefusal}};
+  EXPECT_OK(req->setTraceCallBack(&instance, &Trace));
+  EXPECT_THAT(Options(), ElementsAreArray(options));
+  EXPECT_EQ(req->m_curlCode, kStale);
+}
+
+TEST_F(KdProtocolReqSetters, TheTraceNeedsBothHalves) {
+  int instance = 0;
+  std::memset(req->m_szErrorBuffer, 'x', kErrorBufferSize);
+  EXPECT_FAILS(req->setTraceCallBack(nullptr, &Trace), IntCode(1), "Input is invalid");
+  EXPECT_TRUE(IsCleared(req->m_szErrorBuffer));
+  EXPECT_FAILS(req->setTraceCallBack(&instance, nullptr), IntCode(1), "Input is invalid");
+  EXPECT_FAILS(req->setTraceCallBack(nullptr, nullptr), IntCode(1), "Input is invalid");
+  TestReq fresh(fake);
+  EXPECT_THAT(fresh.setTraceCallBack(nullptr, nullptr).AsString(),
+              EndsWith(kNotInitialized + "functions."));
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+}  // namespace

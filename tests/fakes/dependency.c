@@ -1,0 +1,3 @@
+/* What the library of library.c depends on. */
+
+int zufake_dependency(void) { return 7; }
