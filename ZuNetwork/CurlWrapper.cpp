@@ -381,9 +381,10 @@ bool CurlWrapper::SignDigest(evp_pkey_st* key, const void* data, size_t size,
   if (!freeContext) freeContext = Lookup<FreeContext>("EVP_MD_CTX_free");
   if (!sha256 || !init || !update || !sign || !newContext) return false;
 
+  const evp_md_st* const method = sha256();
   evp_md_ctx_st* const context = newContext();
   if (context == nullptr) return false;
-  const bool isSigned = init(context, sha256()) == 1 && update(context, data, size) == 1 &&
+  const bool isSigned = init(context, method) == 1 && update(context, data, size) == 1 &&
                         sign(context, signature, signatureSize, key) == 1;
   if (freeContext) freeContext(context);
   return isSigned;

@@ -114,7 +114,7 @@ CZuError KdFTPReq::setMethodParameter() {
 CZuError KdFTPReq::OpenSourceFile() {
   const bool hasReader = m_ReadFunPtr && m_KdReadCallbackInstancePtr;
   if (hasReader || m_strSourceFile.empty()) return {};
-  CZuError error = m_sourceFile.Open(m_strSourceFile);
+  CZuError error = m_sourceFile.Open(m_strSourceFile, m_lResumeOffset);
   if (Failed(error)) return error.Push(ZU_HERE);
   setReadCallBack(&m_sourceFile, FileSource::Read);
   return {};

@@ -11,7 +11,8 @@ namespace KdCURL {
 //
 // uploadFile() reads its source file, unless a read callback is set; missing directories on the
 // server are created. The pairs given to an operation are sent as commands ("field:value") before
-// the transfer. A proxy that is set is tunnelled through.
+// the transfer. A proxy that is set is tunnelled through. libcurl hands size and date of a file,
+// as lines like HTTP headers, to the write callback of a request that asks for no body.
 //
 // A path that begins with a slash is one from the server's root, any other one from the login
 // directory.

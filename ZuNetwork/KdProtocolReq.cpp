@@ -281,37 +281,32 @@ CZuError KdProtocolReq::setOption(int option, const std::string& value) {
   return KeepOption(ZU_HERE, {static_cast<CURLoption>(option), value});
 }
 
-// A refused option is not kept; one that is set again replaces the earlier value.
+// A refused option leaves the value that was kept before it.
 CZuError KdProtocolReq::KeepOption(const FXCodeLocation& where, CallersOption option) {
+  CZuError error = SetCallersOption(option);
+  if (Failed(error)) return error.Push(where);
   m_callersOptions.erase(
       std::remove_if(m_callersOptions.begin(), m_callersOptions.end(),
                      [&](const CallersOption& kept) { return kept.option == option.option; }),
       m_callersOptions.end());
   m_callersOptions.push_back(std::move(option));
-  CZuError error = SetCallersOptions();
-  if (!Failed(error)) return {};
-  m_callersOptions.pop_back();
-  return error.Push(where);
+  return {};
 }
 
-CZuError KdProtocolReq::SetCallersOptions() {
-  for (const CallersOption& option : m_callersOptions) {
-    const auto* const text = std::get_if<std::string>(&option.value);
-    m_curlCode = text == nullptr ? SetOption(option.option, std::get<long>(option.value))
-                                 : SetOption(option.option, text->c_str());
-    if (m_curlCode != CURLE_OK) {
-      return ErrorKdCURL(ZU_HERE, m_curlCode, kOptionRefused, option.option);
-    }
-  }
-  return {};
+CZuError KdProtocolReq::SetCallersOption(const CallersOption& option) {
+  const auto* const text = std::get_if<std::string>(&option.value);
+  m_curlCode = text == nullptr ? SetOption(option.option, std::get<long>(option.value))
+                               : SetOption(option.option, text->c_str());
+  if (m_curlCode == CURLE_OK) return {};
+  return ErrorKdCURL(ZU_HERE, m_curlCode, kOptionRefused, option.option);
 }
 
 CZuError KdProtocolReq::getTransferTimes(TransferTimes& times) {
   enum { kNameLookup, kConnect, kTls, kFirstByte, kTotal, kTimes };
   curl_off_t microseconds[kTimes] = {};
+  TransferTimes result;
   const char* address = nullptr;
   long version = 0;
-  TransferTimes result;
   const struct {
     CURLINFO info;
     void* out;
@@ -560,9 +555,11 @@ CZuError KdProtocolReq::PrepareForRequest() {
   if (m_lResumeOffset != 0) {
     SetOption(CURLOPT_RESUME_FROM_LARGE, static_cast<long long>(m_lResumeOffset));
   }
-  error = SetCallersOptions();
-  if (Failed(error)) error.Push(ZU_HERE);
-  return error;
+  for (const CallersOption& option : m_callersOptions) {
+    error = SetCallersOption(option);
+    if (Failed(error)) return error.Push(ZU_HERE);
+  }
+  return {};
 }
 
 CZuError KdProtocolReq::Execute() {
@@ -588,7 +585,10 @@ CZuError KdProtocolReq::Execute() {
 
 CZuError KdProtocolReq::unSetMethodParameter() {
   UnsetCallBacks();
-  if (m_lResumeOffset != 0) SetOption(CURLOPT_RESUME_FROM_LARGE, 0LL);
+  if (m_lResumeOffset != 0) {
+    SetOption(CURLOPT_RESUME_FROM_LARGE, 0LL);
+    SetOption(CURLOPT_APPEND, 0);  // libcurl sets it for a resumed upload, and leaves it
+  }
   m_lResumeOffset = 0;
   m_mHeaders.clear();
   CZuError error = unsetOpTypeParameter();

@@ -200,12 +200,14 @@ class ZUNETWORK_API KdProtocolReq {
   // Any option of libcurl by its number. The value is set at once and again before every request,
   // whatever the operation does with the option. A refusal is reported at either time. A value of a
   // kind that the option does not take is ErrorInt 1, "Option [%d] takes no such value".
+  CZuError setOption(int option, int value) { return setOption(option, long{value}); }
   CZuError setOption(int option, long value);
   CZuError setOption(int option, long long value) { return setOption(option, long{value}); }
   CZuError setOption(int option, const std::string& value);
 
   // Starts the next transfer at this byte of the file: a download of what is missing, an upload
-  // (FTP, SFTP) that appends. A server that cannot is libcurl's code 33, or 36 for FTP.
+  // (FTP, SFTP) that appends. A read callback of the caller's begins there. A server that cannot is
+  // libcurl's code 33, or 36 for FTP.
   void setResumeOffset(std::int64_t offset) { m_lResumeOffset = offset; }
 
   // Whether collectFilesAndDir() takes listings as today's servers write them; see there.
@@ -367,6 +369,7 @@ class ZUNETWORK_API KdProtocolReq {
   long m_responseCode = 0;
 
   bool m_bLenientListing = false;
+  std::int64_t m_lResumeOffset = 0;  // of the next transfer
 
   static pthread_mutex_t* ssl_mutex;  // kept for derived classes; the base takes no lock
   static std::atomic<bool> m_gbInit;
@@ -387,7 +390,7 @@ class ZUNETWORK_API KdProtocolReq {
 
   const char* ErrorText() const;
   CZuError KeepOption(const FXCodeLocation& where, CallersOption option);
-  CZuError SetCallersOptions();
+  CZuError SetCallersOption(const CallersOption& option);
   CZuError SendOperation(const FXCodeLocation& where);
   CZuError SendCustomOperation(const FXCodeLocation& where, const char* method, const char* urlPath,
                                const char* body, long size,
@@ -400,7 +403,6 @@ class ZUNETWORK_API KdProtocolReq {
   std::list<Connection> m_connections;  // one for each initialize()
   bool m_bWriteDataUnset = false;
   std::vector<CallersOption> m_callersOptions;
-  std::int64_t m_lResumeOffset = 0;
 };
 
 }  // namespace KdCURL

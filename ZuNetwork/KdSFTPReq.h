@@ -4,7 +4,12 @@
 
 namespace KdCURL {
 
-// Requests over SFTP: as FTP, with "sftp://" for a server without scheme.
+// Requests over SFTP: as FTP, with "sftp://" for a server without scheme. A path that begins with
+// "~/" starts in the home directory, any other one at the server's root. There are no reply codes.
+//
+// libcurl takes an empty file for one of unknown size: getFileInfo() refuses it, and it reads as
+// absent. It does not look at a directory whose listing is not wanted: any path reads as that of a
+// directory, present and no file.
 class ZUNETWORK_API KdSFTPReq : public KdFTPReq {
  public:
   ~KdSFTPReq() override;

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -19,13 +19,36 @@ namespace {
 namespace fs = std::filesystem;
 using FXErrorUtil::ErrorErrNo;
 
-// The permissions of the file to be replaced, or those that a new file would get.
-mode_t PermissionsFor(const std::string& path) {
-  struct stat status;
-  if (stat(path.c_str(), &status) == 0) return status.st_mode & 07777;
-  const mode_t mask = umask(0);
-  umask(mask);
-  return 0666 & ~mask;
+// Where symbolic links lead, even to a name that does not exist yet.
+std::string FollowLinks(const std::string& path, std::error_code& failure) {
+  constexpr int kMostLinks = 40;
+  fs::path target = path;
+  for (int links = 0; fs::is_symlink(target, failure); ++links) {
+    if (links == kMostLinks)
+      failure = std::make_error_code(std::errc::too_many_symbolic_link_levels);
+    if (!failure) target = target.parent_path() / fs::read_symlink(target, failure);
+    if (failure) return {};
+  }
+  failure.clear();  // what is absent is no link
+  return target;
+}
+
+bool IsRegularOrAbsent(const std::string& path) {
+  std::error_code failure;
+  return !fs::exists(path, failure) || fs::is_regular_file(path, failure);
+}
+
+// A new file beside `path`, which becomes its name. The system takes the umask off `mode`; a
+// program with threads cannot ask for it.
+int CreateBeside(std::string& path, mode_t mode) {
+  static std::atomic<unsigned> counter{0};
+  const std::string prefix = path + "." + std::to_string(getpid()) + "-";
+  int descriptor = -1;
+  do {
+    path = prefix + std::to_string(counter++);
+    descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  } while (descriptor == -1 && errno == EEXIST);
+  return descriptor;
 }
 
 }  // namespace
@@ -36,15 +59,27 @@ FileSink::~FileSink() {
 }
 
 CZuError FileSink::Open(const std::string& path) {
+  CZuError error = Locate(path);
+  if (!Failed(error)) error = IsRegularOrAbsent(m_path) ? OpenBeside() : OpenDirectly();
+  if (Failed(error)) error.Push(ZU_HERE);
+  return error;
+}
+
+CZuError FileSink::Locate(const std::string& path) {
   if (m_descriptor != -1) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
   }
+  if (path.empty()) return ErrorErrNo(ZU_HERE, ENOENT, "Failed to open file []");
   std::error_code failure;
-  m_path = fs::is_symlink(path, failure) ? fs::weakly_canonical(path, failure).string() : path;
-  if (failure && m_path.empty()) {
+  m_path = FollowLinks(path, failure);
+  if (failure) {
     return ErrorErrNo(ZU_HERE, failure.value(), "Failed to follow [%s]", path.c_str());
   }
-  if (!fs::exists(m_path, failure) || fs::is_regular_file(m_path, failure)) return OpenBeside();
+  m_isKept = false;
+  return {};
+}
+
+CZuError FileSink::OpenDirectly() {
   m_descriptor = open(m_path.c_str(), O_WRONLY | O_CLOEXEC);
   if (m_descriptor == -1) {
     return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", m_path.c_str());
@@ -54,32 +89,43 @@ CZuError FileSink::Open(const std::string& path) {
 }
 
 CZuError FileSink::OpenBeside() {
-  std::string path = m_path + ".XXXXXX";
-  m_descriptor = mkostemp(path.data(), O_CLOEXEC);
+  struct stat status;
+  const bool isReplaced = stat(m_path.c_str(), &status) == 0;
+  std::string path = m_path;
+  m_descriptor = CreateBeside(path, isReplaced ? 0600 : 0666);
   if (m_descriptor == -1) {
     return ErrorErrNo(ZU_HERE, errno, "Failed to create a file beside [%s]", m_path.c_str());
   }
   m_isOwner = true;
   m_temporaryPath = path;
-  if (fchmod(m_descriptor, PermissionsFor(m_path)) == 0) return {};
+  if (!isReplaced || fchmod(m_descriptor, status.st_mode & 07777) == 0) return {};
   return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
 }
 
 CZuError FileSink::OpenForResume(const std::string& path, std::int64_t& offset) {
-  if (m_descriptor != -1) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
+  CZuError error = Locate(path);
+  if (!Failed(error)) {
+    error = IsRegularOrAbsent(m_path) ? OpenPart(offset) : OpenDirectly();
   }
-  const std::string partPath = path + ".part";
-  m_descriptor = open(partPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  struct stat status;
-  if (m_descriptor == -1 || fstat(m_descriptor, &status) != 0) {
-    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", partPath.c_str());
+  if (Failed(error)) error.Push(ZU_HERE);
+  return error;
+}
+
+CZuError FileSink::OpenPart(std::int64_t& offset) {
+  const std::string path = m_path + ".part";
+  struct stat part;
+  m_descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  if (m_descriptor == -1 || fstat(m_descriptor, &part) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path.c_str());
   }
   m_isOwner = true;
   m_isKept = true;
-  m_path = path;
-  m_temporaryPath = partPath;
-  offset = status.st_size;
+  m_temporaryPath = path;
+  struct stat replaced;
+  if (stat(m_path.c_str(), &replaced) == 0 && fchmod(m_descriptor, replaced.st_mode & 07777) != 0) {
+    return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
+  }
+  offset = part.st_size;
   return {};
 }
 
@@ -136,15 +182,16 @@ size_t StringSink::Write(char* data, size_t size, size_t count, void* instance) 
 
 FileSource::~FileSource() { Close(); }
 
-CZuError FileSource::Open(const std::string& path) {
+CZuError FileSource::Open(const std::string& path, std::int64_t offset) {
   Close();
   m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (m_descriptor == -1)
-    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path.c_str());
   struct stat status;
-  if (fstat(m_descriptor, &status) != 0 || !S_ISDIR(status.st_mode)) return {};
+  int err = m_descriptor == -1 ? errno : 0;
+  if (err == 0 && fstat(m_descriptor, &status) == 0 && S_ISDIR(status.st_mode)) err = EISDIR;
+  if (err == 0 && offset != 0 && lseek(m_descriptor, offset, SEEK_SET) == -1) err = errno;
+  if (err == 0) return {};
   Close();
-  return ErrorErrNo(ZU_HERE, EISDIR, "Failed to open file [%s]", path.c_str());
+  return ErrorErrNo(ZU_HERE, err, "Failed to open file [%s]", path.c_str());
 }
 
 void FileSource::Close() {

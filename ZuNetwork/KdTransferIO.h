@@ -36,7 +36,8 @@ class ZUNETWORK_API FileSink {
   CZuError Open(const std::string& path);
 
   // Goes on with what an interrupted download left in the file "`path`.part", which also stays when
-  // this one is interrupted. `offset` is what is there, for KdProtocolReq::setResumeOffset().
+  // this one is interrupted. `offset` is what is there, for KdProtocolReq::setResumeOffset(); it is
+  // left alone where there can be no such file: beside a device or a pipe.
   CZuError OpenForResume(const std::string& path, std::int64_t& offset);
 
   // Writes to a descriptor of the caller's, such as standard output, which stays open.
@@ -48,7 +49,10 @@ class ZUNETWORK_API FileSink {
   static std::size_t Write(char* data, std::size_t size, std::size_t count, void* instance);
 
  private:
+  CZuError Locate(const std::string& path);
+  CZuError OpenDirectly();
   CZuError OpenBeside();
+  CZuError OpenPart(std::int64_t& offset);
   bool WriteAll(const char* data, std::size_t size);
 
   int m_descriptor = -1;
@@ -83,8 +87,8 @@ class ZUNETWORK_API FileSource {
   FileSource(const FileSource&) = delete;
   FileSource& operator=(const FileSource&) = delete;
 
-  // Opens the file from its start; one that is open is closed before.
-  CZuError Open(const std::string& path);
+  // Opens the file to be read from the byte `offset` on; one that is open is closed before.
+  CZuError Open(const std::string& path, std::int64_t offset = 0);
   void Close();
 
   static std::size_t Read(char* buffer, std::size_t size, std::size_t count, void* instance);

@@ -7,21 +7,22 @@
 #include "support/Sink.h"
 
 // A request to a server on 127.0.0.1 that is silent and takes at most thirty seconds.
-class TestRequest : public KdCURL::KdHTTPReq {
+template <typename Protocol>
+class LocalRequest : public Protocol {
  public:
-  explicit TestRequest(int port, KdCURL::HTTPProtocol protocol = KdCURL::HTTP)
-      : KdHTTPReq(protocol) {
-    EXPECT_OK(initialize());
-    EXPECT_OK(setTraceCallBack(this, IgnoreTrace));
-    EXPECT_OK(SetTimeOut(30));
-    setURL("127.0.0.1");
-    setPortNo(std::to_string(port));
+  template <typename... Args>
+  explicit LocalRequest(int port, Args... args) : Protocol(args...) {
+    EXPECT_OK(this->initialize());
+    EXPECT_OK(this->setTraceCallBack(this, IgnoreTrace));
+    EXPECT_OK(this->SetTimeOut(30));
+    this->setURL("127.0.0.1");
+    this->setPortNo(std::to_string(port));
   }
 
   // The body of the next request goes to body.text.
-  TestRequest& Collect() {
+  LocalRequest& Collect() {
     body.text.clear();
-    setWriteCallBack(&body, TextSink::Take);
+    this->setWriteCallBack(&body, TextSink::Take);
     return *this;
   }
 
@@ -32,14 +33,14 @@ class TestRequest : public KdCURL::KdHTTPReq {
 
   int ResponseCode() const {
     int code = -1;
-    getLastServerResponseCode(code);
+    this->getLastServerResponseCode(code);
     return code;
   }
 
   int TransferResult() const {
     int code = -1;
     std::string text;
-    getLastCurlErrorCodeAndErrorMsg(code, text);
+    this->getLastCurlErrorCodeAndErrorMsg(code, text);
     return code;
   }
 
@@ -47,4 +48,10 @@ class TestRequest : public KdCURL::KdHTTPReq {
 
  private:
   static int IgnoreTrace(void*, void*, char*, unsigned long, void*) { return 0; }
+};
+
+class TestRequest : public LocalRequest<KdCURL::KdHTTPReq> {
+ public:
+  explicit TestRequest(int port, KdCURL::HTTPProtocol protocol = KdCURL::HTTP)
+      : LocalRequest(port, protocol) {}
 };

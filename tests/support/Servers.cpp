@@ -36,7 +36,7 @@ http {
   Server::Start({"nginx", "-e", "stderr", "-p", Folder().Path(), "-c", configuration});
 }
 
-LighttpdServer::LighttpdServer() {
+LighttpdServer::LighttpdServer(const std::string& directives) {
   const std::string folder = Folder().Path();
   const std::string configuration = Folder() / "lighttpd.conf";
   std::filesystem::create_directories(Folder() / "www");
@@ -53,7 +53,7 @@ auth.backend.plain.userfile = ")" +
 auth.require = (
   "/digest/" => ("method" => "digest", "realm" => "test", "require" => "valid-user"),
   "/basic/" => ("method" => "basic", "realm" => "test", "require" => "valid-user"))
-)");
+)" + directives);
   Start({"lighttpd", "-D", "-f", configuration});
 }
 

@@ -40,10 +40,11 @@ class NginxServer : public Server {
 
 // lighttpd, for what nginx lacks. Files are served from Folder()/www; below /digest/ they want
 // digest authentication, below /basic/ basic, both of bob with s3cret. A file that ends in ".sh" is
-// run by the shell and given the request's body.
+// run by the shell and given the request's body. `directives` stand at the end of its
+// configuration.
 class LighttpdServer : public Server {
  public:
-  LighttpdServer();
+  explicit LighttpdServer(const std::string& directives = "");
 };
 
 // An HTTP proxy, which puts "Via: 1.1 tinyproxy" into the requests it forwards. With a user it
