@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", ZUNET_VERSION);
   app.require_subcommand(1);
   AddTransferCommands(app);
+  AddAddressCommands(app);
   CLI11_PARSE(app, argc, argv);
   return 0;
 }
