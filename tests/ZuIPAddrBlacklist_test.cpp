@@ -2,6 +2,11 @@
 
 #include <cerrno>
 #include <fstream>
+#include <list>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "support/Expect.h"
 
@@ -70,6 +75,43 @@ TEST_F(ZuIPAddrBlacklist, RemovalUnderTheCursorEndsTheEnumeration) {
   EXPECT_FALSE(list.IsAddressBlacklisted(address, nullptr, nullptr));
   EXPECT_FAILS(list.GetNextBlacklistEntry(out, nullptr, nullptr, nullptr, nullptr), Win32Code(259),
                "End of blacklist reached");
+}
+
+TEST_F(ZuIPAddrBlacklist, KeepsCountOfManyAddressesThatComeAndGo) {
+  constexpr int kPeriod = 100;
+  constexpr unsigned kAddresses = 400;
+  list.SetExpirationTime(kPeriod);
+  std::mt19937 random(1);
+  std::vector<CZuIPAddr> addresses;
+  for (unsigned i = 0; i < kAddresses; ++i) {
+    addresses.push_back(Address(((i % 2 == 0 ? "10.0." : "2001:db8::") + std::to_string(i / 200) +
+                                 (i % 2 == 0 ? "." : ":") + std::to_string(i % 200))
+                                    .c_str()));
+  }
+  std::list<std::pair<unsigned, time_t>> expected;  // which, and when it was added last
+  for (int step = 0; step < 20'000; ++step) {
+    gNow += static_cast<time_t>(random() % 2);
+    const auto which = static_cast<unsigned>(random() % kAddresses);
+    auto entry = expected.begin();
+    while (entry != expected.end() && entry->first != which) ++entry;
+    if (random() % 3 == 0) {
+      ASSERT_OK(list.AddAddressToBlacklist(addresses[which]));
+      if (entry == expected.end()) entry = expected.insert(entry, {which, gNow});
+      entry->second = gNow;
+    } else {
+      const bool isGone = entry == expected.end() || entry->second + kPeriod < gNow;
+      ASSERT_EQ(list.IsAddressBlacklisted(addresses[which], nullptr, nullptr), !isGone) << step;
+      if (isGone && entry != expected.end()) expected.erase(entry);
+    }
+  }
+  ASSERT_GT(expected.size(), 50u);
+  CZuError error = list.GetFirstBlacklistEntry(out, nullptr, nullptr, nullptr, nullptr);
+  for (const auto& [which, added] : expected) {
+    ASSERT_OK(error);
+    EXPECT_TRUE(out == addresses[which]) << which;
+    error = list.GetNextBlacklistEntry(out, nullptr, nullptr, nullptr, nullptr);
+  }
+  EXPECT_FAILS(error, Win32Code(259), "End of blacklist reached");
 }
 
 TEST_F(ZuIPAddrBlacklist, LastLineCountsTwice) {
