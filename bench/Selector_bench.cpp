@@ -95,7 +95,7 @@ void SelectAndCollect(benchmark::State& state) {
   for (const CZuSocket& socket : all.sockets) selector.SetReadSocket(socket);
   PlainSelector plain(all.sockets);
   Compare(
-      state, "1.10", static_cast<int>(std::max<size_t>(1, 4000 / count)),
+      state, "1.10", static_cast<int>(std::max<size_t>(1, 1000 / count)),
       [&] {
         const timeval limit{1, 0};
         bool timedOut = false;

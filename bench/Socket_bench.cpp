@@ -138,17 +138,17 @@ void CompareMoves(benchmark::State& state, const char* limit, int batch, size_t 
 }
 
 void PingPong64Bytes(benchmark::State& state) {
-  CompareMoves(state, "1.02", 500, 64, Move, MovePlain);
+  CompareMoves(state, "1.02", 50, 64, Move, MovePlain);
 }
 BENCHMARK(PingPong64Bytes)->Unit(benchmark::kMillisecond)->MinTime(3);
 
 void PingPong64BytesWithTimeOut(benchmark::State& state) {
-  CompareMoves(state, "1.03", 500, 64, MoveTimed, MovePlainTimed);
+  CompareMoves(state, "1.03", 50, 64, MoveTimed, MovePlainTimed);
 }
 BENCHMARK(PingPong64BytesWithTimeOut)->Unit(benchmark::kMillisecond)->MinTime(3);
 
 void Bulk64KiB(benchmark::State& state) {
-  CompareMoves(state, "1.02", 100, size_t{1} << 16, Move, MovePlain);
+  CompareMoves(state, "1.02", 20, size_t{1} << 16, Move, MovePlain);
 }
 BENCHMARK(Bulk64KiB)->Unit(benchmark::kMillisecond)->MinTime(3);
 
