@@ -14,7 +14,6 @@
 #include <mutex>
 
 #include "ZuNetwork/ZuSocket.h"
-#include "ZuUtils/FXString.h"
 
 static_assert(sizeof(CZuIPAddr) == sizeof(ZUNET_SockAddr));
 static_assert(CZuIPAddr::FAMILY_ANY == AF_UNSPEC && CZuIPAddr::FAMILY_IPV4 == AF_INET &&
@@ -73,8 +72,8 @@ int ReadHostName(char (&buffer)[NI_MAXHOST]) {
 }
 
 // As atoi, and defined for numbers of any length.
-int ToInt(const std::string& text) {
-  const long number = std::strtol(text.c_str(), nullptr, 10);
+int ToInt(const char* text) {
+  const long number = std::strtol(text, nullptr, 10);
   return static_cast<int>(
       std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
@@ -170,10 +169,12 @@ int CZuIPAddr::GetPortNumber() const {
 }
 
 CZuError CZuIPAddr::GetAddressString(CZuString& sAddrStr) const {
-  sAddrStr.Clear();
   char text[INET6_ADDRSTRLEN];
   const int err = ZUNET_ip2str(&m_Addr, text, sizeof text);
-  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  if (err != 0) {
+    sAddrStr.Clear();
+    return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  }
   sAddrStr = text;
   return {};
 }
@@ -213,17 +214,16 @@ CZuError CZuIPAddr::ConvertCIDRPrefixToSubnetMaskString(int prefix, CZuString& s
 CZuError CZuIPAddr::CheckIfIpv4AddressIsWithinCidrBlock(const std::string& ipAddress,
                                                         const std::string& cidrBlock,
                                                         bool& ipAddressWithinBlock) {
-  std::vector<std::string> parts;
-  FXString::Split(cidrBlock, "/", parts, 0);
-  if (parts.size() < 2) {
+  const std::size_t slash = cidrBlock.find('/');
+  if (slash == std::string::npos) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Invalid CIDR block: [%s].",
                                    cidrBlock.c_str());
   }
   CZuIPAddr mask;
   CZuIPAddr network;
   CZuIPAddr tested;
-  CZuError error = mask.SetSubnetMaskFromCIDRPrefix(ToInt(parts[1]));
-  if (!Failed(error)) error = network.SetAddressString(parts[0].c_str());
+  CZuError error = mask.SetSubnetMaskFromCIDRPrefix(ToInt(cidrBlock.c_str() + slash + 1));
+  if (!Failed(error)) error = network.SetAddressString(cidrBlock.substr(0, slash).c_str());
   if (Failed(error)) return error.Push(ZU_HERE);
   (void)tested.SetAddressString(ipAddress.c_str());  // no address is the cleared address
   ipAddressWithinBlock = ((V4Word(tested) ^ V4Word(network)) & V4Word(mask)) == 0;

@@ -106,8 +106,11 @@ bool IsUsable(const addrinfo& entry) {
 
 // Copies what the family of the entry fills; the rest of `out` stays.
 void CopyEntry(const addrinfo& entry, ZUNET_SockAddr& out) {
-  const bool isV4 = entry.ai_family == AF_INET;
-  std::memcpy(&out, entry.ai_addr, isV4 ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+  if (entry.ai_family == AF_INET) {
+    std::memcpy(&out, entry.ai_addr, sizeof(sockaddr_in));
+  } else {
+    std::memcpy(&out, entry.ai_addr, sizeof(sockaddr_in6));
+  }
   ZUNET_setport(&out, 0);
 }
 
@@ -118,21 +121,18 @@ int TakeFirst(const addrinfo* entry, ZUNET_SockAddr& out) {
   return 0;
 }
 
-// Converted on first need. A conversion that fails leaves no family, with which nothing collides.
-const ZUNET_SockAddr& CollisionAddress() {
-  static const ZUNET_SockAddr address = [] {
-    ZUNET_SockAddr converted{};
-    AddrInfoList list;
-    if (Lookup("127.0.53.53", AF_UNSPEC, AI_NUMERICHOST, list) == 0) {
-      TakeFirst(list.get(), converted);
-    }
-    return converted;
-  }();
-  return address;
+// A conversion that fails leaves no family, with which nothing collides.
+ZUNET_SockAddr ConvertCollisionAddress() {
+  ZUNET_SockAddr converted{};
+  AddrInfoList list;
+  if (Lookup("127.0.53.53", AF_UNSPEC, AI_NUMERICHOST, list) == 0) {
+    TakeFirst(list.get(), converted);
+  }
+  return converted;
 }
 
 bool IsCollision(const ZUNET_SockAddr& address) {
-  const ZUNET_SockAddr& collision = CollisionAddress();
+  static const ZUNET_SockAddr collision = ConvertCollisionAddress();  // on first need
   return collision.addr.f.family == AF_INET && V4Word(address) == V4Word(collision);
 }
 

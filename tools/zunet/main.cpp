@@ -17,6 +17,7 @@ int main(int argc, char** argv) try {
   AddSignCommand(app);
   AddPingCommands(app);
   AddStreamCommands(app);
+  AddAddressCommands(app);
   CLI11_PARSE(app, argc, argv);
   return 0;
 } catch (const std::exception& exception) {

@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# Runs the address commands of the program. Usage: address_test.sh ZUNET
+set -euo pipefail
+PATH=$PATH:/usr/sbin:/sbin
+zunet=$(realpath "$1")
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+failures=0
+
+# expect STATUS OUTPUT ARGUMENT...: on failures of the program OUTPUT is part of the report.
+expect() {
+  local status=0 wanted=$1 text=$2 out
+  shift 2
+  out=$(timeout 60 "$zunet" "$@" 2>"$folder/err") || status=$?
+  if [[ $wanted == 2 ]]; then
+    [[ -z $out ]] || text="nothing on standard output"
+    out=$(<"$folder/err")
+    [[ $out == "zunet: "*"$text"* ]] && out=$text
+  fi
+  if [[ $status != "$wanted" || $out != "$text" ]]; then
+    printf 'zunet %s\n  expected %s: %s\n  got %s: %s\n' "$*" "$wanted" "$text" "$status" "$out"
+    failures=$((failures + 1))
+  fi
+}
+
+test_resolve() {
+  expect 0 127.0.0.1 resolve -4 localhost
+  expect 0 192.0.2.1 resolve 192.0.2.1
+  expect 0 192.0.2.1 resolve --all 192.0.2.1
+  expect 0 2001:db8::1 resolve 2001:DB8:0::1
+  expect 2 "CZuIPAddr::GetByName" resolve -6 192.0.2.1
+  expect 2 "CZuIPAddr::GetAllByName" resolve --all -4 ::1
+  expect 2 "DNS name collision occured" resolve 127.0.53.53
+  expect 2 "DNS name collision occured" resolve --all 127.0.53.53
+  expect 108 "" resolve -4 -6 localhost
+  expect 106 "" resolve
+}
+
+test_name() {
+  expect 0 localhost name 127.0.0.1
+  expect 2 "Not an address: [localhost]" name localhost
+  expect 2 "Not an address: []" name ""
+}
+
+test_cidr() {
+  local text
+  expect 0 inside cidr 192.168.1.77 192.168.1.0/24
+  expect 1 outside cidr 192.168.2.1 192.168.1.0/24
+  expect 0 inside cidr 10.0.0.1 10.0.0.1/32
+  expect 1 outside cidr 10.0.0.2 10.0.0.1/32
+  expect 0 inside cidr 10.0.0.2 192.168.0.0/0
+  for text in 192.168.1.0 192.168.1.0/33 192.168.1.0/x 192.168.1.0/-1 192.168.1.0/ \
+    192.168.1.0/24/x 192.168.1.0/024 ""; do
+    expect 2 "Invalid CIDR block: [$text]." cidr 192.168.1.77 "$text"
+  done
+  expect 2 "Not an address: [nonsense]" cidr 192.168.1.77 nonsense/24
+  expect 2 "Not an address: []" cidr 192.168.1.77 /24
+  expect 2 "Not an IPv4 address: [fe80::]" cidr 192.168.1.77 fe80::/10
+  expect 2 "Not an address: [nonsense]" cidr nonsense 0.0.0.0/8
+  expect 2 "Not an IPv4 address: [::1]" cidr ::1 0.0.0.0/8
+}
+
+test_blacklist() {
+  printf '10.0.0.1\n\n2001:db8::5\nname.invalid\n' >"$folder/list"
+  expect 0 "10.0.0.2 not listed" blacklist "$folder/list" 10.0.0.2
+  expect 1 "10.0.0.1 listed" blacklist "$folder/list" 10.0.0.1
+  expect 1 $'10.0.0.2 not listed\n2001:db8::5 listed\n10.0.0.3 not listed' \
+    blacklist "$folder/list" 10.0.0.2 2001:db8:0::5 10.0.0.3
+  expect 2 "Not an address: [name.invalid]" blacklist "$folder/list" 10.0.0.1 name.invalid
+  expect 2 "Failed to open file, FileName=$folder/none" blacklist "$folder/none" 10.0.0.1
+  expect 2 "Failed to read file, FileName=$folder" blacklist "$folder" 10.0.0.1
+  expect 106 "" blacklist "$folder/list"
+}
+
+# In a network of its own, with names of its own.
+test_private_network() {
+  printf '%s\n' "127.0.0.1 localhost" "10.77.0.1 One.Example two.example" "10.77.0.2 one.example" \
+    "2001:db8:0:12::5 six.example one.example" >"$folder/hosts"
+  mount --bind "$folder/hosts" /etc/hosts
+  expect 0 10.77.0.1 resolve two.example
+  expect 0 2001:db8:0:12::5 resolve -6 one.example
+  expect 0 $'10.77.0.1\n10.77.0.2' resolve -4 --all one.example
+  expect 0 six.example name 2001:db8:0:12::5
+  expect 2 "CZuIPAddr::GetHostName" name 10.77.0.99
+
+  ip link set lo up
+  ip link add va address 02:00:00:00:0a:0b type veth peer name vb
+  ip addr add 10.77.0.1/24 dev va
+  ip addr add 10.77.1.1/24 dev va
+  expect 0 $'127.0.0.1 127.0.0.0\n10.77.0.1 10.77.0.0\n10.77.1.1 10.77.1.0\n::1 0.0.0.0' interfaces
+  expect 0 $'02:00:00:00:0A:0B\n02:00:00:00:0A:0B' interfaces --mac
+  expect 0 one.example interfaces --names
+  expect 108 "" interfaces --mac --names
+}
+
+if [[ ${2:-} == private ]]; then
+  test_private_network
+  exit $((failures > 0))
+fi
+
+test_resolve
+test_name
+test_cidr
+test_blacklist
+own_network="unshare --map-root-user --net --mount"
+((EUID != 0)) || own_network="unshare --net --mount"
+if ! $own_network ip link show >/dev/null 2>&1; then
+  echo "No right to make a network: interfaces and names are not tested"
+elif ! $own_network "$0" "$zunet" private; then
+  failures=$((failures + 1))
+fi
+exit $((failures > 0))

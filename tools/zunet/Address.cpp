@@ -1,0 +1,184 @@
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include "Commands.h"
+#include "ZuNetwork/ZuIPAddr.h"
+#include "ZuNetwork/ZuIPAddrBlacklist.h"
+
+namespace {
+
+struct Arguments {
+  std::string name;
+  std::string address;
+  std::string block;
+  std::string file;
+  std::vector<std::string> addresses;
+  bool onlyIPv4 = false;
+  bool onlyIPv6 = false;
+  bool all = false;
+  bool macs = false;
+  bool names = false;
+};
+
+// The value of a numeric text; ends the program for anything else.
+CZuIPAddr ParseAddress(const std::string& text) {
+  CZuIPAddr address;
+  CZuError error = address.SetAddressString(text.c_str());
+  if (Failed(error)) error.Push(ZU_HERE, "Not an address: [%s]", text.c_str());
+  ExitOnFailure(error);
+  return address;
+}
+
+void RequireIPv4(const std::string& text) {
+  if (ParseAddress(text).m_Addr.addr.f.family == CZuIPAddr::FAMILY_IPV4) return;
+  ExitOnFailure(FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Not an IPv4 address: [%s]",
+                                        text.c_str()));
+}
+
+// A number from 0 to 32, without sign, blanks or more than two digits.
+bool IsPrefix(std::string_view text) {
+  const auto isDigit = [](unsigned char c) { return std::isdigit(c) != 0; };
+  if (text.empty() || text.size() > 2 || !std::all_of(text.begin(), text.end(), isDigit)) {
+    return false;
+  }
+  return text.size() == 1 || text <= "32";
+}
+
+// What the library reads as a block that takes in every address is a mistake here.
+void RequireBlock(const std::string& text) {
+  const size_t slash = text.find('/');
+  if (slash == std::string::npos || !IsPrefix(std::string_view(text).substr(slash + 1))) {
+    ExitOnFailure(FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument,
+                                          "Invalid CIDR block: [%s].", text.c_str()));
+  }
+  RequireIPv4(text.substr(0, slash));
+}
+
+std::string TextOf(const CZuIPAddr& address) {
+  CZuString text;
+  ExitOnFailure(address.GetAddressString(text));
+  return text.c_str();
+}
+
+void Resolve(const Arguments& arguments) {
+  auto family = CZuIPAddr::FAMILY_ANY;
+  if (arguments.onlyIPv4) family = CZuIPAddr::FAMILY_IPV4;
+  if (arguments.onlyIPv6) family = CZuIPAddr::FAMILY_IPV6;
+  std::vector<CZuIPAddr> addresses;
+  if (arguments.all) {
+    ExitOnFailure(CZuIPAddr::GetAllByName(arguments.name.c_str(), addresses, family));
+  } else {
+    CZuIPAddr first;
+    ExitOnFailure(CZuIPAddr::GetByName(arguments.name.c_str(), first, family));
+    addresses.push_back(first);
+  }
+  for (const CZuIPAddr& address : addresses) std::puts(TextOf(address).c_str());
+}
+
+void PrintName(const Arguments& arguments) {
+  CZuString name;
+  ExitOnFailure(ParseAddress(arguments.address).GetHostName(name));
+  std::puts(name.c_str());
+}
+
+void PrintMacs() {
+  std::vector<std::string> macs;
+  ExitOnFailure(CZuIPAddr::GetMACList(macs, CZuIPAddr::FAMILY_ANY));
+  for (const std::string& mac : macs) std::puts(mac.c_str());
+}
+
+void PrintNames() {
+  GetAllInterfacesArgs_t wanted;
+  GetAllInterfacesRet_t found;
+  wanted.getHostnames = true;
+  ExitOnFailure(CZuIPAddr::GetAllInterfaces(wanted, found, CZuIPAddr::FAMILY_ANY));
+  for (const std::string& name : found.hostnameList) std::puts(name.c_str());
+}
+
+void PrintAddresses() {
+  std::vector<std::pair<CZuIPAddr, CZuIPAddr>> interfaces;
+  ExitOnFailure(CZuIPAddr::GetIFList(interfaces, CZuIPAddr::FAMILY_ANY));
+  for (const auto& [address, network] : interfaces) {
+    std::printf("%s %s\n", TextOf(address).c_str(), TextOf(network).c_str());
+  }
+}
+
+void PrintInterfaces(const Arguments& arguments) {
+  if (arguments.macs) {
+    PrintMacs();
+  } else if (arguments.names) {
+    PrintNames();
+  } else {
+    PrintAddresses();
+  }
+}
+
+void CheckBlock(const Arguments& arguments) {
+  RequireIPv4(arguments.address);
+  RequireBlock(arguments.block);
+  bool inside = false;
+  ExitOnFailure(
+      CZuIPAddr::CheckIfIpv4AddressIsWithinCidrBlock(arguments.address, arguments.block, inside));
+  std::puts(inside ? "inside" : "outside");
+  if (!inside) throw CLI::RuntimeError(kExitOutside);
+}
+
+void CheckBlacklist(const Arguments& arguments) {
+  std::vector<CZuIPAddr> addresses;
+  for (const std::string& text : arguments.addresses) addresses.push_back(ParseAddress(text));
+  CZuIPAddrBlacklist blacklist;
+  ExitOnFailure(blacklist.LoadBlacklistFromFile(arguments.file.c_str()));
+  bool isAnyListed = false;
+  for (const CZuIPAddr& address : addresses) {
+    const bool isListed = blacklist.IsAddressBlacklisted(address, nullptr, nullptr);
+    std::printf("%s %s\n", TextOf(address).c_str(), isListed ? "listed" : "not listed");
+    isAnyListed = isAnyListed || isListed;
+  }
+  if (isAnyListed) throw CLI::RuntimeError(kExitListed);
+}
+
+CLI::App* AddCommand(CLI::App& app, const std::shared_ptr<Arguments>& arguments,
+                     const std::string& name, const std::string& description,
+                     void (*run)(const Arguments&)) {
+  CLI::App* const command = app.add_subcommand(name, description);
+  command->callback([arguments, run] { run(*arguments); });
+  return command;
+}
+
+}  // namespace
+
+void AddAddressCommands(CLI::App& app) {
+  const auto arguments = std::make_shared<Arguments>();
+
+  CLI::App* command = AddCommand(app, arguments, "resolve", "Print the address of a name", Resolve);
+  command->add_option("NAME", arguments->name)->required();
+  CLI::Option* const v4 = command->add_flag("-4", arguments->onlyIPv4, "IPv4 alone");
+  command->add_flag("-6", arguments->onlyIPv6, "IPv6 alone")->excludes(v4);
+  command->add_flag("--all", arguments->all, "Every address, not the first alone");
+
+  command = AddCommand(app, arguments, "name", "Print the name of an address", PrintName);
+  command->add_option("ADDRESS", arguments->address)->required();
+
+  command = AddCommand(app, arguments, "interfaces",
+                       "Print each address of this machine and its network; for IPv6 the fourth "
+                       "group of the address, written as the end of an IPv4 address",
+                       PrintInterfaces);
+  CLI::Option* const macs =
+      command->add_flag("--mac", arguments->macs, "Print the hardware addresses instead");
+  command->add_flag("--names", arguments->names, "Print the names of the addresses instead")
+      ->excludes(macs);
+
+  command = AddCommand(app, arguments, "cidr",
+                       "Tell whether an IPv4 address is in a block such as 10.0.0.0/8", CheckBlock);
+  command->add_option("ADDRESS", arguments->address)->required();
+  command->add_option("BLOCK", arguments->block)->required();
+
+  command = AddCommand(app, arguments, "blacklist",
+                       "Tell of each address whether a file of names and addresses lists it",
+                       CheckBlacklist);
+  command->add_option("FILE", arguments->file)->required();
+  command->add_option("ADDRESS", arguments->addresses)->required();
+}
