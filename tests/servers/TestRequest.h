@@ -54,4 +54,9 @@ class TestRequest : public LocalRequest<KdCURL::KdHTTPReq> {
  public:
   explicit TestRequest(int port, KdCURL::HTTPProtocol protocol = KdCURL::HTTP)
       : LocalRequest(port, protocol) {}
+
+  TestRequest& Collect() {
+    LocalRequest::Collect();
+    return *this;
+  }
 };
