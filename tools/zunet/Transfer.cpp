@@ -211,8 +211,14 @@ void List(const Arguments& arguments) {
   }
 }
 
+// libcurl tells what it learned of an FTP file as if it were a body.
+size_t Discard(char* /*data*/, size_t size, size_t count, void* /*instance*/) {
+  return size * count;
+}
+
 void Size(const Arguments& arguments) {
   Session session(arguments.url, arguments.session);
+  session.Request().setWriteCallBack(&session, Discard);
   double size = 0.0;
   ExitOnFailure(session.Request().getFileInfo(session.Url(), size));
   std::printf("%.0f\n", size);
@@ -221,6 +227,7 @@ void Size(const Arguments& arguments) {
 void Exists(const Arguments& arguments) {
   Session session(arguments.url, arguments.session);
   KdCURL::KdProtocolReq& request = session.Request();
+  request.setWriteCallBack(&session, Discard);
   const bool isFile = session.Url().back() != '/';
   bool exists = false;
   const CZuError error = request.checkIfFileOrDirExists(session.Url(), isFile, exists);
