@@ -4,9 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 namespace {
 
@@ -20,15 +20,17 @@ std::string_view BytesOf(const void* bytes, std::size_t size) {
   return {static_cast<const char*>(bytes), size};
 }
 
-}  // namespace
-
-// Takes in what the comparison of addresses looks at.
-std::size_t CZuIPAddrBlacklist::AddressHash::operator()(const CZuIPAddr& addr) const {
+// Takes in what the comparison of addresses looks at; never 0.
+std::size_t HashOf(const CZuIPAddr& addr) {
+  constexpr std::size_t kUsed = ~(std::numeric_limits<std::size_t>::max() >> 1);
   const auto& views = addr.m_Addr.addr;
   const bool isV4 = views.f.family == CZuIPAddr::FAMILY_IPV4;
-  return std::hash<std::string_view>()(isV4 ? BytesOf(&views.v4.sin_addr, sizeof(in_addr))
+  return kUsed |
+         std::hash<std::string_view>()(isV4 ? BytesOf(&views.v4.sin_addr, sizeof(in_addr))
                                             : BytesOf(&views.v6.sin6_addr, sizeof(in6_addr)));
 }
+
+}  // namespace
 
 CZuIPAddrBlacklist::CZuIPAddrBlacklist() = default;
 
@@ -40,17 +42,17 @@ void CZuIPAddrBlacklist::SetGraceAttempts(unsigned int attempts) { m_graceAttemp
 
 CZuError CZuIPAddrBlacklist::AddAddressToBlacklist(const CZuIPAddr& addr, const CZuString& name) {
   const std::time_t now = std::time(nullptr);
-  const auto found = m_index.find(addr);
-  if (found != m_index.end()) {
-    CZuIPAddrBlacklistNode& entry = *found->second;
-    entry.m_timeAdded = now;
-    entry.m_attempts = entry.m_attempts < m_graceAttempts ? entry.m_attempts + 1 : m_graceAttempts;
+  const std::size_t hash = HashOf(addr);
+  MakeRoomInIndex();
+  Slot& slot = FindSlot(addr, hash);
+  if (slot.hash == 0) {
+    m_blacklist.push_back({addr, name, 1, now});
+    slot = {hash, std::prev(m_blacklist.end())};
     return {};
   }
-  Entries added;  // becomes part of the list once the index, which may lack memory, has it
-  added.push_back({addr, name, 1, now});
-  m_index.emplace(addr, added.begin());
-  m_blacklist.splice(m_blacklist.end(), added);
+  CZuIPAddrBlacklistNode& entry = *slot.entry;
+  entry.m_timeAdded = now;
+  entry.m_attempts = entry.m_attempts < m_graceAttempts ? entry.m_attempts + 1 : m_graceAttempts;
   return {};
 }
 
@@ -64,11 +66,11 @@ bool CZuIPAddrBlacklist::IsAddressBlacklisted(const CZuIPAddr& addr, CZuString* 
                                               unsigned int* attempts) {
   if (name != nullptr) name->Clear();
   if (attempts != nullptr) *attempts = 0;
-  const auto found = m_index.find(addr);
-  if (found == m_index.end()) return false;
-  const Entries::iterator entry = found->second;
+  Slot& slot = FindSlot(addr, HashOf(addr));
+  if (slot.hash == 0) return false;
+  const Entries::iterator entry = slot.entry;
   if (!ForgiveAttempts(entry)) {
-    Remove(entry);
+    Remove(slot);
     return false;
   }
   if (name != nullptr) *name = entry->m_name;
@@ -145,10 +147,43 @@ bool CZuIPAddrBlacklist::ForgiveAttempts(Entries::iterator entry) {
   return true;
 }
 
-void CZuIPAddrBlacklist::Remove(Entries::iterator entry) {
-  if (m_blacklistIterator == entry) m_blacklistIterator = m_blacklist.end();
-  m_index.erase(entry->m_addr);
-  m_blacklist.erase(entry);
+void CZuIPAddrBlacklist::Remove(Slot& slot) {
+  if (m_blacklistIterator == slot.entry) m_blacklistIterator = m_blacklist.end();
+  m_blacklist.erase(slot.entry);
+  // What stands behind moves up as far as it would have been put without the entry.
+  const std::size_t mask = m_index.size() - 1;
+  auto hole = static_cast<std::size_t>(&slot - m_index.data());
+  for (std::size_t place = After(hole); m_index[place].hash != 0; place = After(place)) {
+    const std::size_t fromHome = (place - m_index[place].hash) & mask;
+    if (fromHome < ((place - hole) & mask)) continue;
+    m_index[hole] = m_index[place];
+    hole = place;
+  }
+  m_index[hole] = {};
+}
+
+// The slot of the address, or the empty one where it would be.
+CZuIPAddrBlacklist::Slot& CZuIPAddrBlacklist::FindSlot(const CZuIPAddr& addr, std::size_t hash) {
+  std::size_t place = hash & (m_index.size() - 1);
+  while (m_index[place].hash != 0) {
+    const Slot& slot = m_index[place];
+    if (slot.hash == hash && slot.entry->m_addr == addr) break;
+    place = After(place);
+  }
+  return m_index[place];
+}
+
+// For one more entry.
+void CZuIPAddrBlacklist::MakeRoomInIndex() {
+  if (m_blacklist.size() < m_index.size() / 2) return;
+  std::vector<Slot> old(2 * m_index.size());
+  old.swap(m_index);
+  for (const Slot& slot : old) {
+    if (slot.hash == 0) continue;
+    std::size_t place = slot.hash & (m_index.size() - 1);
+    while (m_index[place].hash != 0) place = After(place);
+    m_index[place] = slot;
+  }
 }
 
 void CZuIPAddrBlacklist::AddAllAddressesOf(const char* hostName) {

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <ctime>
 #include <list>
-#include <unordered_map>
+#include <vector>
 
 #include "ZuNetwork/ZuIPAddr.h"
 #include "ZuNetwork/ZuNetworkExport.h"
@@ -70,17 +70,22 @@ class ZUNETWORK_API CZuIPAddrBlacklist {
  protected:
   using Entries = std::list<CZuIPAddrBlacklistNode>;
 
-  struct AddressHash {
-    std::size_t operator()(const CZuIPAddr& addr) const;
+  // A place of the index, empty while the hash is 0.
+  struct Slot {
+    std::size_t hash = 0;
+    Entries::iterator entry;
   };
 
   bool ForgiveAttempts(Entries::iterator entry);
-  void Remove(Entries::iterator entry);
+  void Remove(Slot& slot);
+  std::size_t After(std::size_t place) const { return (place + 1) & (m_index.size() - 1); }
+  Slot& FindSlot(const CZuIPAddr& addr, std::size_t hash);
+  void MakeRoomInIndex();
   void AddAllAddressesOf(const char* hostName);
 
   int m_expirationTime = 0;
   unsigned m_graceAttempts = 1;
   Entries m_blacklist;
   Entries::iterator m_blacklistIterator = m_blacklist.end();  // what GetNext returns next
-  std::unordered_map<CZuIPAddr, Entries::iterator, AddressHash> m_index;
+  std::vector<Slot> m_index = std::vector<Slot>(1);  // a power of two; at most half of it is in use
 };

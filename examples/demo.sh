@@ -1,19 +1,18 @@
 #!/usr/bin/env bash
-# Real files over HTTP: a server on loopback, and zunet against it. Usage: demo.sh PATH-OF-ZUNET
+# What the library does, shown by zunet against servers on loopback. Usage: demo.sh BIN-FOLDER
 set -euo pipefail
 PATH=$PATH:/usr/sbin:/sbin
-zunet=$(realpath "$1")
+# shellcheck source=examples/nginx.sh
+source "$(dirname "$0")/nginx.sh"
+bin=$(realpath "$1")
+zunet=$bin/zunet
 folder=$(mktemp -d)
-server=
+nginx_process=
+sshd_process=
 
-stop_server() {
-  if [[ -z $server ]]; then return; fi
-  kill "$server" 2>/dev/null || true
-  wait "$server" 2>/dev/null || true
-  server=
-}
 clean_up() {
-  stop_server
+  local process
+  for process in $nginx_process $sshd_process; do stop_process "$process"; done
   rm -rf "$folder"
 }
 trap clean_up EXIT
@@ -28,54 +27,9 @@ run() {
   "$zunet" "$@" 2>&1 | sed 's/^/   /'
 }
 
-write_configuration() {
-  mkdir -p "$folder/www" "$folder/tmp"
-  cat >"$folder/nginx.conf" <<CONF
-daemon off;
-master_process off;
-pid $folder/nginx.pid;
-events {}
-http {
-  access_log off;
-  client_max_body_size 0;
-  client_body_temp_path $folder/tmp/body;
-  proxy_temp_path $folder/tmp/proxy;
-  fastcgi_temp_path $folder/tmp/fastcgi;
-  uwsgi_temp_path $folder/tmp/uwsgi;
-  scgi_temp_path $folder/tmp/scgi;
-  server {
-    listen 127.0.0.1:$1;
-    root $folder/www;
-    dav_methods PUT DELETE;
-    create_full_put_path on;
-  }
-}
-CONF
-}
-
-# Ports may be taken: the server that stays and answers is ours.
-start_server() {
-  local attempt wait
-  for attempt in 1 2 3 4 5; do
-    port=$((20000 + RANDOM % 12000))
-    write_configuration "$port"
-    nginx -p "$folder" -e "$folder/error.log" -c "$folder/nginx.conf" &
-    server=$!
-    for wait in {1..50}; do
-      kill -0 "$server" 2>/dev/null || break
-      if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then return; fi
-      sleep 0.1
-    done
-    echo "   attempt $attempt on port $port failed after $wait looks"
-    stop_server
-  done
-  cat "$folder/error.log" >&2
-  exit 1
-}
-
 say "Start nginx on loopback, with an empty folder to keep files in"
-start_server
-url=http://127.0.0.1:$port
+start_nginx "$folder" "dav_methods PUT DELETE; create_full_put_path on; autoindex on;"
+url=http://127.0.0.1:$nginx_port
 echo "   $url"
 
 say "Make three files: 1 byte, 1 MiB and 64 MiB of noise"
@@ -111,6 +65,9 @@ done
 (cd "$folder/back" && sha256sum ./*.bin | sed 's/^/   /')
 echo "   what came back is what was sent"
 
+say "List the folder (KdProtocolReq::getFilesAndDirsInfoInFile, KdHTTPReq::collectFilesAndDir)"
+run ls "$url/files/"
+
 say "Delete one (KdHTTPReq::doDeleteOperation)"
 run delete "$url/files/small.bin"
 
@@ -132,5 +89,68 @@ until [[ -s $folder/sent ]]; do sleep 0.1; done
 cmp "$folder/sent" "$folder/received"
 sed 's/^/   /' "$folder/received"
 
+say "Move a file over SFTP, to an sshd on loopback (KdSFTPReq)"
+start_sshd() {
+  local port=$1
+  mkdir -p "$folder/ssh"
+  if ((EUID == 0)); then mkdir -p /run/sshd; fi
+  ssh-keygen -q -t ecdsa -m PEM -N '' -f "$folder/ssh/host"
+  ssh-keygen -q -t ecdsa -m PEM -N '' -f "$folder/ssh/client"
+  cat >"$folder/sshd.conf" <<CONF
+Port $port
+ListenAddress 127.0.0.1
+HostKey $folder/ssh/host
+AuthorizedKeysFile $folder/ssh/client.pub
+StrictModes no
+UsePAM no
+PidFile none
+PermitRootLogin yes
+Subsystem sftp internal-sftp
+CONF
+  /usr/sbin/sshd -D -e -f "$folder/sshd.conf" 2>"$folder/sshd.log" &
+  sshd_process=$!
+  wait_for_port "$port" "$sshd_process"
+}
+sshd_port=$((33000 + RANDOM % 12000))
+start_sshd "$sshd_port" || { cat "$folder/sshd.log" >&2 && exit 1; }
+sftp=sftp://127.0.0.1:$sshd_port$folder
+login=(--user "$(id -un):" --key "$folder/ssh/client" --insecure)
+run put "$folder/out/middle.bin" "$sftp/sent.bin" "${login[@]}"
+run size "$sftp/sent.bin" "${login[@]}"
+run get "$sftp/sent.bin" -o "$folder/back/sent.bin" "${login[@]}"
+cmp "$folder/out/middle.bin" "$folder/back/sent.bin"
+run ls "$sftp/out/" "${login[@]}"
+stop_process "$sshd_process"
+sshd_process=
+
+say "Sign a file and let openssl check it (CurlWrapper::SignSHA256withRSA)"
+openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=demo -keyout "$folder/key.pem" \
+  -out "$folder/cert.pem" 2>/dev/null
+openssl pkcs12 -export -inkey "$folder/key.pem" -in "$folder/cert.pem" -passout pass:secret \
+  -out "$folder/key.p12"
+openssl x509 -in "$folder/cert.pem" -noout -pubkey -out "$folder/public.pem"
+echo secret >"$folder/phrase"
+run sign "$folder/out/small.bin" --key "$folder/key.p12" --pass-file "$folder/phrase" \
+  -o "$folder/small.sig"
+openssl dgst -sha256 -verify "$folder/public.pem" -signature "$folder/small.sig" \
+  "$folder/out/small.bin" | sed 's/^/   /'
+
+say "Names, addresses, interfaces, a blacklist (CZuIPAddr, CZuIPAddrBlacklist)"
+run resolve localhost --all
+run interfaces
+run cidr 10.1.2.3 10.0.0.0/8
+printf '10.9.9.9' >"$folder/blacklist"
+run blacklist "$folder/blacklist" 10.9.9.9 10.1.2.3 || true
+
+say "A pair of sockets (CZuSocket::CreateSocketPair)"
+"$bin/example_socket_pair" | sed 's/^/   /'
+
+say "An accept that times out after a second (CZuSocket::AcceptWithTimeout)"
+run listen 0 --timeout 1 </dev/null && exit 1
+
+say "Ping the loopback, where a raw socket sees its own requests too (CZuPing)"
+run ping 127.0.0.1 -c 2 || echo "   not allowed here, or nothing but the requests came"
+
 say "Stop the server and remove the files"
-stop_server
+stop_process "$nginx_process"
+nginx_process=
