@@ -9,10 +9,11 @@ zunet=$bin/zunet
 folder=$(mktemp -d)
 nginx_process=
 sshd_process=
+vsftpd_process=
 
 clean_up() {
   local process
-  for process in $nginx_process $sshd_process; do stop_process "$process"; done
+  for process in $nginx_process $sshd_process $vsftpd_process; do stop_process "$process"; done
   rm -rf "$folder"
 }
 trap clean_up EXIT
@@ -122,6 +123,53 @@ cmp "$folder/out/middle.bin" "$folder/back/sent.bin"
 run ls "$sftp/out/" "${login[@]}"
 stop_process "$sshd_process"
 sshd_process=
+
+say "Move a file over FTP, to a vsftpd on loopback (KdFTPReq)"
+start_vsftpd() {
+  local port=$1
+  mkdir -p "$folder/ftp/empty" "$folder/ftp/root/in"
+  chmod 755 "$folder" "$folder/ftp" "$folder/ftp/root"
+  chown ftp "$folder/ftp/root/in"
+  cat >"$folder/ftp/vsftpd.conf" <<CONF
+listen=YES
+listen_address=127.0.0.1
+listen_port=$port
+background=NO
+anonymous_enable=YES
+local_enable=NO
+anon_root=$folder/ftp/root
+ftp_username=ftp
+write_enable=YES
+anon_upload_enable=YES
+anon_mkdir_write_enable=YES
+anon_other_write_enable=YES
+anon_umask=022
+secure_chroot_dir=$folder/ftp/empty
+seccomp_sandbox=NO
+isolate=NO
+isolate_network=NO
+connect_from_port_20=NO
+pasv_address=127.0.0.1
+CONF
+  /usr/sbin/vsftpd "$folder/ftp/vsftpd.conf" 2>"$folder/vsftpd.log" &
+  vsftpd_process=$!
+  wait_for_port "$port" "$vsftpd_process"
+}
+if ((EUID == 0)); then
+  vsftpd_port=$((46000 + RANDOM % 12000))
+  start_vsftpd "$vsftpd_port" || { cat "$folder/vsftpd.log" >&2 && exit 1; }
+  ftp=ftp://127.0.0.1:$vsftpd_port/in
+  run put "$folder/out/large.bin" "$ftp/new/large.bin"
+  run size "$ftp/new/large.bin"
+  run get "$ftp/new/large.bin" -o "$folder/back/ftp.bin"
+  cmp "$folder/out/large.bin" "$folder/back/ftp.bin"
+  run ls "$ftp/new/"
+  run delete "$ftp/new/large.bin"
+  stop_process "$vsftpd_process"
+  vsftpd_process=
+else
+  echo "   left out: this server needs root"
+fi
 
 say "Sign a file and let openssl check it (CurlWrapper::SignSHA256withRSA)"
 openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=demo -keyout "$folder/key.pem" \
