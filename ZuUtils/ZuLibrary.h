@@ -5,8 +5,9 @@
 #include "ZuUtils/ZuError.h"
 
 // A shared library that is loaded at run time. Not copyable. Load and GetAddress may be called from
-// several threads at once, and so may Load and Free. Nothing may look up or use an address while the
-// library is freed: a lookup takes no lock, since it is on the way of every call into the library.
+// several threads at once, and so may Load and Free. Nothing may look up or use an address while
+// the library is freed: a lookup takes no lock, since it is on the way of every call into the
+// library.
 class ZUUTILS_API CZuLibrary {
  public:
   // `freeOnDestroy`: the destructor frees the library.
