@@ -33,6 +33,8 @@ report=$("$work/utils_consumer") || fail "$report"
 [[ $(readelf --dynamic "$work/utils_consumer") != *libZuNetwork* ]] ||
   fail "the utilities alone need the network library"
 
+[[ $("$work/plain") == 127.0.0.1 ]] || fail "the C program says otherwise"
+
 # The libraries that run are those of the prefix.
 ldd "$work/consumer" | grep libZu
 [[ $(ldd "$work/consumer" | grep --count "=> $(realpath "$prefix")/lib.*/libZu") == 2 ]] ||
