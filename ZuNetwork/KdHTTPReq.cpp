@@ -1,7 +1,6 @@
 #include "ZuNetwork/KdHTTPReq.h"
 
 #include <memory>
-#include <string_view>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "ZuUtils/FXPath.h"
@@ -52,7 +51,7 @@ class LinkFinder {
  public:
   static constexpr size_t kMarkerLength = 6;
 
-  explicit LinkFinder(const std::string& content) : m_content(content) {}
+  explicit LinkFinder(std::string_view content) : m_content(content) {}
 
   size_t FindFrom(size_t position) {
     if (m_hasUpperCase) {
@@ -64,13 +63,13 @@ class LinkFinder {
   }
 
  private:
-  const std::string& m_content;
+  std::string_view m_content;
   bool m_hasUpperCase = true;
 };
 
 // Whether the page's first link leads to the parent directory or to the listed directory itself.
 // The text in brackets may stand anywhere behind the link.
-bool LeadsOutOfListing(const std::string& content, size_t endOfTarget, const std::string& target,
+bool LeadsOutOfListing(std::string_view content, size_t endOfTarget, const std::string& target,
                        const std::string& sourcePath) {
   const size_t open = content.find('[', endOfTarget);
   const size_t close = open == std::string::npos ? open : content.find(']', open);
@@ -365,15 +364,16 @@ CZuError KdHTTPReq::collectFilesAndDir(const std::string& fileName,
   return error;
 }
 
-CZuError KdHTTPReq::CollectLinks(const std::string& content, const std::string& sourcePath,
+CZuError KdHTTPReq::CollectLinks(std::string_view content, const std::string& sourcePath,
                                  std::vector<FileDirInfo>& entries) {
   LinkFinder links(content);
+  std::string target;
   bool isFirst = true;
   for (size_t link = links.FindFrom(0); link != std::string::npos;) {
     const size_t start = link + LinkFinder::kMarkerLength;
     const size_t end = content.find('"', start);
     if (end == std::string::npos) return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
-    std::string target = content.substr(start, end - start);
+    target = content.substr(start, end - start);
     bool isEntry = !isFirst || !LeadsOutOfListing(content, end, target, sourcePath);
     if (m_bLenientListing) {
       UnescapeAmpersands(target);
@@ -396,7 +396,8 @@ CZuError KdHTTPReq::CollectLink(const std::string& target, std::vector<FileDirIn
   if (!m_bLenientListing && path.find('/') == std::string_view::npos) {
     return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
   }
-  CZuError error = URLDecode(std::string(LastComponent(target)), entry.name);
+  entry.name = LastComponent(target);
+  CZuError error = URLDecode(entry.name, entry.name);
   if (Failed(error)) return error.Push(ZU_HERE);
   if (entry.name != "web.config") entries.push_back(std::move(entry));
   return {};

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "ZuNetwork/KdProtocolReq.h"
 
 namespace KdCURL {
@@ -85,7 +87,7 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
   CZuError SetPostBuffer();
   CZuError SetCustomRequest();
   void FreeForm();
-  CZuError CollectLinks(const std::string& content, const std::string& sourcePath,
+  CZuError CollectLinks(std::string_view content, const std::string& sourcePath,
                         std::vector<FileDirInfo>& entries);
   CZuError CollectLink(const std::string& target, std::vector<FileDirInfo>& entries);
 
