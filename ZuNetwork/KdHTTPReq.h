@@ -89,7 +89,7 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
   void FreeForm();
   CZuError CollectLinks(std::string_view content, const std::string& sourcePath,
                         std::vector<FileDirInfo>& entries);
-  CZuError CollectLink(const std::string& target, std::vector<FileDirInfo>& entries);
+  CZuError CollectLink(std::string_view target, std::vector<FileDirInfo>& entries);
 
   std::string m_postBody;  // what the handle points to after a POST of a buffer
 };
