@@ -228,10 +228,10 @@ void Ftp1GiB(benchmark::State& state, Comparison compare) {
 }
 BENCHMARK_CAPTURE(Ftp1GiB, Download, CompareDownload<KdCURL::KdFTPReq>)
     ->Unit(benchmark::kMillisecond)
-    ->Iterations(9);
+    ->Iterations(15);
 BENCHMARK_CAPTURE(Ftp1GiB, Upload, CompareUpload<KdCURL::KdFTPReq>)
     ->Unit(benchmark::kMillisecond)
-    ->Iterations(9);
+    ->Iterations(15);
 
 void Sftp256MiB(benchmark::State& state, Comparison compare) {
   const char* const server = FromEnvironment(state, "ZUNETWORK_BENCH_SFTP");
@@ -239,7 +239,7 @@ void Sftp256MiB(benchmark::State& state, Comparison compare) {
   const char* const key = FromEnvironment(state, "ZUNETWORK_BENCH_SFTP_KEY");
   const char* const folder = FromEnvironment(state, "ZUNETWORK_BENCH_FILES");
   if (server == nullptr || user == nullptr || key == nullptr || folder == nullptr) return;
-  // The server takes a path without its first slash for one from its root as well.
+  // The slash that ends the server is the first one of the path.
   const std::string file = std::string(folder + 1) + "/256MiB.bin";
   compare(state,
           {server, user, key, file, folder + std::string("/256MiB.bin"), file + ".in", 256 * kMiB});
