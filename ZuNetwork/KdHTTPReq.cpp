@@ -1,7 +1,6 @@
 #include "ZuNetwork/KdHTTPReq.h"
 
 #include <memory>
-#include <string_view>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "ZuUtils/FXPath.h"
@@ -17,7 +16,7 @@ using FXErrorUtil::ErrorInt;
 constexpr std::string_view kSchemeEnd = "://";
 constexpr char kInvalidListing[] = "Invalid HTTP Reponse. Parsing the reponse file failed.";
 
-bool StartsWith(const std::string& text, const std::string& prefix) {
+bool StartsWith(const std::string& text, std::string_view prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
@@ -52,7 +51,7 @@ class LinkFinder {
  public:
   static constexpr size_t kMarkerLength = 6;
 
-  explicit LinkFinder(const std::string& content) : m_content(content) {}
+  explicit LinkFinder(std::string_view content) : m_content(content) {}
 
   size_t FindFrom(size_t position) {
     if (m_hasUpperCase) {
@@ -64,13 +63,13 @@ class LinkFinder {
   }
 
  private:
-  const std::string& m_content;
+  std::string_view m_content;
   bool m_hasUpperCase = true;
 };
 
 // Whether the page's first link leads to the parent directory or to the listed directory itself.
 // The text in brackets may stand anywhere behind the link.
-bool LeadsOutOfListing(const std::string& content, size_t endOfTarget, const std::string& target,
+bool LeadsOutOfListing(std::string_view content, size_t endOfTarget, std::string_view target,
                        const std::string& sourcePath) {
   const size_t open = content.find('[', endOfTarget);
   const size_t close = open == std::string::npos ? open : content.find(']', open);
@@ -80,7 +79,7 @@ bool LeadsOutOfListing(const std::string& content, size_t endOfTarget, const std
 
 // Whether a link of a listing, as servers write them, leads to an entry of the listed folder: not
 // to a sorted view (a query), a place on the page, another site, the folder itself or one above it.
-bool LeadsToEntry(const std::string& target, const std::string& folder) {
+bool LeadsToEntry(std::string_view target, const std::string& folder) {
   if (target.find_first_of("?#") != std::string::npos) return false;
   if (target.find(':') < target.find('/')) return false;
   const std::string_view name = LastComponent(target);
@@ -365,18 +364,21 @@ CZuError KdHTTPReq::collectFilesAndDir(const std::string& fileName,
   return error;
 }
 
-CZuError KdHTTPReq::CollectLinks(const std::string& content, const std::string& sourcePath,
+CZuError KdHTTPReq::CollectLinks(std::string_view content, const std::string& sourcePath,
                                  std::vector<FileDirInfo>& entries) {
   LinkFinder links(content);
+  std::string unescaped;
   bool isFirst = true;
   for (size_t link = links.FindFrom(0); link != std::string::npos;) {
     const size_t start = link + LinkFinder::kMarkerLength;
     const size_t end = content.find('"', start);
     if (end == std::string::npos) return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
-    std::string target = content.substr(start, end - start);
+    std::string_view target = content.substr(start, end - start);
     bool isEntry = !isFirst || !LeadsOutOfListing(content, end, target, sourcePath);
     if (m_bLenientListing) {
-      UnescapeAmpersands(target);
+      unescaped = target;
+      UnescapeAmpersands(unescaped);
+      target = unescaped;
       isEntry = isEntry && LeadsToEntry(target, sourcePath);
     }
     if (isEntry) {
@@ -389,14 +391,15 @@ CZuError KdHTTPReq::CollectLinks(const std::string& content, const std::string& 
   return {};
 }
 
-CZuError KdHTTPReq::CollectLink(const std::string& target, std::vector<FileDirInfo>& entries) {
+CZuError KdHTTPReq::CollectLink(std::string_view target, std::vector<FileDirInfo>& entries) {
   FileDirInfo entry;
   entry.isFile = target.at(target.size() - 1) != '/';  // raises for an empty target
-  const std::string_view path(target.data(), target.size() - (entry.isFile ? 0 : 1));
+  const std::string_view path = target.substr(0, target.size() - (entry.isFile ? 0 : 1));
   if (!m_bLenientListing && path.find('/') == std::string_view::npos) {
     return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
   }
-  CZuError error = URLDecode(std::string(LastComponent(target)), entry.name);
+  entry.name = LastComponent(target);
+  CZuError error = URLDecode(entry.name, entry.name);
   if (Failed(error)) return error.Push(ZU_HERE);
   if (entry.name != "web.config") entries.push_back(std::move(entry));
   return {};

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "ZuNetwork/KdProtocolReq.h"
 
 namespace KdCURL {
@@ -85,9 +87,9 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
   CZuError SetPostBuffer();
   CZuError SetCustomRequest();
   void FreeForm();
-  CZuError CollectLinks(const std::string& content, const std::string& sourcePath,
+  CZuError CollectLinks(std::string_view content, const std::string& sourcePath,
                         std::vector<FileDirInfo>& entries);
-  CZuError CollectLink(const std::string& target, std::vector<FileDirInfo>& entries);
+  CZuError CollectLink(std::string_view target, std::vector<FileDirInfo>& entries);
 
   std::string m_postBody;  // what the handle points to after a POST of a buffer
 };

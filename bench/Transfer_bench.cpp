@@ -8,11 +8,8 @@
 #include <cstdlib>
 
 #include "Compare.h"
+#include "PlainCurl.h"
 #include "ZuNetwork/KdHTTPReq.h"
-
-// The checks of curl.h want literal option values.
-#undef curl_easy_setopt
-#undef curl_easy_getinfo
 
 extern char** environ;
 
@@ -26,21 +23,6 @@ void Forwarder(benchmark::State& state) {
       [library] { reinterpret_cast<FreeAll>(dlsym(library, "curl_slist_free_all"))(nullptr); });
 }
 BENCHMARK(Forwarder);
-
-size_t CountBytes(char* /*data*/, size_t size, size_t count, void* instance) {
-  *static_cast<size_t*>(instance) += size * count;
-  return size * count;
-}
-
-int Silence(void* /*handle*/, void* /*type*/, char* /*data*/, unsigned long /*size*/,
-            void* /*instance*/) {
-  return 0;
-}
-
-int SilencePlain(CURL* /*handle*/, curl_infotype /*type*/, char* /*data*/, size_t /*size*/,
-                 void* /*instance*/) {
-  return 0;
-}
 
 class OurGet {
  public:
@@ -63,40 +45,22 @@ class OurGet {
 
 class PlainGet {
  public:
-  explicit PlainGet(std::string server) : m_server(std::move(server)) {
-    curl_easy_setopt(m_handle, CURLOPT_ERRORBUFFER, m_errorBuffer);
-    curl_easy_setopt(m_handle, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(m_handle, CURLOPT_POSTREDIR, CURL_REDIR_POST_ALL);
-    curl_easy_setopt(m_handle, CURLOPT_VERBOSE, 1L);
-    curl_easy_setopt(m_handle, CURLOPT_DEBUGFUNCTION, SilencePlain);
-    curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYHOST, 2L);
-    curl_easy_setopt(m_handle, CURLOPT_CAINFO, "./curl-ca-bundle.crt");
-  }
-  ~PlainGet() { curl_easy_cleanup(m_handle); }
-  PlainGet(const PlainGet&) = delete;
-  PlainGet& operator=(const PlainGet&) = delete;
+  explicit PlainGet(std::string server) : m_server(std::move(server)) {}
 
   size_t Run(const char* path) {
     size_t bytes = 0;
-    long response = 0;
-    curl_easy_setopt(m_handle, CURLOPT_URL, (m_server + path).c_str());
-    curl_easy_setopt(m_handle, CURLOPT_HTTPGET, 1L);
-    curl_easy_setopt(m_handle, CURLOPT_WRITEDATA, &bytes);
-    curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, CountBytes);
-    if (curl_easy_perform(m_handle) != CURLE_OK) std::abort();
-    curl_easy_getinfo(m_handle, CURLINFO_RESPONSE_CODE, &response);
-    curl_easy_setopt(m_handle, CURLOPT_WRITEDATA, nullptr);
-    curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, nullptr);
-    curl_easy_setopt(m_handle, CURLOPT_HTTPGET, 0L);
-    if (response >= 400) std::abort();
+    m_curl.Set(CURLOPT_URL, (m_server + path).c_str());
+    m_curl.Set(CURLOPT_HTTPGET, 1L);
+    m_curl.SetCallBack(CURLOPT_WRITEDATA, CURLOPT_WRITEFUNCTION, &bytes, CountBytes);
+    m_curl.Perform();
+    m_curl.SetCallBack(CURLOPT_WRITEDATA, CURLOPT_WRITEFUNCTION, nullptr, nullptr);
+    m_curl.Set(CURLOPT_HTTPGET, 0L);
     return bytes;
   }
 
  private:
   std::string m_server;
-  char m_errorBuffer[CURL_ERROR_SIZE] = {};
-  CURL* m_handle = curl_easy_init();
+  PlainCurl m_curl;
 };
 
 void CompareGet(benchmark::State& state, const char* limit, int batch, const char* path) {

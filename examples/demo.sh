@@ -4,6 +4,10 @@ set -euo pipefail
 PATH=$PATH:/usr/sbin:/sbin
 # shellcheck source=examples/nginx.sh
 source "$(dirname "$0")/nginx.sh"
+# shellcheck source=examples/sshd.sh
+source "$(dirname "$0")/sshd.sh"
+# shellcheck source=examples/pkcs12.sh
+source "$(dirname "$0")/pkcs12.sh"
 bin=$(realpath "$1")
 zunet=$bin/zunet
 folder=$(mktemp -d)
@@ -91,29 +95,7 @@ cmp "$folder/sent" "$folder/received"
 sed 's/^/   /' "$folder/received"
 
 say "Move a file over SFTP, to an sshd on loopback (KdSFTPReq)"
-start_sshd() {
-  local port=$1
-  mkdir -p "$folder/ssh"
-  if ((EUID == 0)); then mkdir -p /run/sshd; fi
-  ssh-keygen -q -t ecdsa -m PEM -N '' -f "$folder/ssh/host"
-  ssh-keygen -q -t ecdsa -m PEM -N '' -f "$folder/ssh/client"
-  cat >"$folder/sshd.conf" <<CONF
-Port $port
-ListenAddress 127.0.0.1
-HostKey $folder/ssh/host
-AuthorizedKeysFile $folder/ssh/client.pub
-StrictModes no
-UsePAM no
-PidFile none
-PermitRootLogin yes
-Subsystem sftp internal-sftp
-CONF
-  /usr/sbin/sshd -D -e -f "$folder/sshd.conf" 2>"$folder/sshd.log" &
-  sshd_process=$!
-  wait_for_port "$port" "$sshd_process"
-}
-sshd_port=$((33000 + RANDOM % 12000))
-start_sshd "$sshd_port" || { cat "$folder/sshd.log" >&2 && exit 1; }
+start_sshd "$folder/ssh"
 sftp=sftp://127.0.0.1:$sshd_port$folder
 login=(--user "$(id -un):" --key "$folder/ssh/client" --insecure)
 run put "$folder/out/middle.bin" "$sftp/sent.bin" "${login[@]}"
@@ -172,10 +154,7 @@ else
 fi
 
 say "Sign a file and let openssl check it (CurlWrapper::SignSHA256withRSA)"
-openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=demo -keyout "$folder/key.pem" \
-  -out "$folder/cert.pem" 2>/dev/null
-openssl pkcs12 -export -inkey "$folder/key.pem" -in "$folder/cert.pem" -passout pass:secret \
-  -out "$folder/key.p12"
+make_pkcs12 "$folder" secret
 openssl x509 -in "$folder/cert.pem" -noout -pubkey -out "$folder/public.pem"
 echo secret >"$folder/phrase"
 run sign "$folder/out/small.bin" --key "$folder/key.p12" --pass-file "$folder/phrase" \

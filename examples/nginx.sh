@@ -1,6 +1,8 @@
 # shellcheck shell=bash
 # An nginx on loopback for scripts: start_nginx FOLDER DIRECTIVES serves FOLDER/www; the port is then
 # in nginx_port and the process in nginx_process.
+# shellcheck source=examples/process.sh
+source "$(dirname "${BASH_SOURCE[0]}")/process.sh"
 
 write_nginx_configuration() {
   local folder=$1 port=$2 directives=$3
@@ -28,32 +30,15 @@ http {
 CONF
 }
 
-# Ports may be taken: the server that stays and answers is ours.
+run_nginx() {
+  local port=$1 folder=$2 directives=$3
+  write_nginx_configuration "$folder" "$port" "$directives"
+  exec nginx -p "$folder" -e stderr -c "$folder/nginx.conf"
+}
+
+# shellcheck disable=SC2034  # the results are the caller's
 start_nginx() {
-  local folder=$1 directives=$2 _
-  for _ in {1..5}; do
-    nginx_port=$((20000 + RANDOM % 12000))
-    write_nginx_configuration "$folder" "$nginx_port" "$directives"
-    nginx -p "$folder" -e "$folder/error.log" -c "$folder/nginx.conf" &
-    nginx_process=$!
-    if wait_for_port "$nginx_port" "$nginx_process"; then return; fi
-    stop_process "$nginx_process"
-  done
-  cat "$folder/error.log" >&2
-  return 1
-}
-
-wait_for_port() {
-  local port=$1 process=$2 _
-  for _ in {1..50}; do
-    kill -0 "$process" 2>/dev/null || return 1
-    if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then return 0; fi
-    sleep 0.1
-  done
-  return 1
-}
-
-stop_process() {
-  kill "$1" 2>/dev/null || true
-  wait "$1" 2>/dev/null || true
+  start_server "$1/error.log" run_nginx "$@" || return
+  nginx_port=$server_port
+  nginx_process=$server_process
 }
