@@ -95,6 +95,8 @@ bool IsComplete(const Arguments& arguments, std::int64_t offset) {
 }
 
 void Get(const Arguments& arguments) {
+  // The session comes first: from then on an interrupt ends the program in good order.
+  Session session(arguments.url, arguments.session);
   Response response;
   std::int64_t offset = 0;
   if (arguments.isResumed) {
@@ -103,7 +105,6 @@ void Get(const Arguments& arguments) {
   } else {
     OpenOutput(response, arguments.output);
   }
-  Session session(arguments.url, arguments.session);
   if (!arguments.output.empty()) session.ShowProgress();
   session.Request().setResumeOffset(offset);
   Receive(session, response);
