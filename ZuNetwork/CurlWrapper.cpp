@@ -114,9 +114,7 @@ void CurlWrapper::InstallLockCallbacks() {
 
 template <typename Function>
 Function CurlWrapper::Lookup(const char* name) const {
-  void* address = nullptr;
-  (void)mZuLibrary.GetAddress(name, address);  // null says it all
-  return reinterpret_cast<Function>(address);
+  return reinterpret_cast<Function>(mZuLibrary.Find(name));
 }
 
 template <typename Function>

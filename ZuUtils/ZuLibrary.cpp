@@ -38,15 +38,19 @@ CZuError CZuLibrary::GetAddress(const char* name, void*& address) const {
   if (name == nullptr) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
   }
-  void* const handle = m_handle.load(std::memory_order_acquire);
-  if (handle == nullptr) {
+  if (m_handle == nullptr) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
                                    "Failed to find [%s]: no library is loaded", name);
   }
-  address = dlsym(handle, name);
+  address = Find(name);
   if (address != nullptr) return {};
   return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "Failed to find [%s]: %s", name,
                                  LoaderText());
+}
+
+void* CZuLibrary::Find(const char* name) const {
+  void* const handle = m_handle.load(std::memory_order_acquire);
+  return handle == nullptr ? nullptr : dlsym(handle, name);
 }
 
 CZuError CZuLibrary::Free() {

@@ -4,9 +4,9 @@
 
 #include "ZuUtils/ZuError.h"
 
-// A shared library that is loaded at run time. Not copyable. Load and GetAddress may be called from
-// several threads at once, and so may Load and Free. Nothing may look up or use an address while
-// the library is freed: a lookup takes no lock, since it is on the way of every call into the
+// A shared library that is loaded at run time. Not copyable. Load and the lookups may be called
+// from several threads at once, and so may Load and Free. Nothing may look up or use an address
+// while the library is freed: a lookup takes no lock, since it is on the way of every call into the
 // library.
 class ZUUTILS_API CZuLibrary {
  public:
@@ -26,6 +26,9 @@ class ZUUTILS_API CZuLibrary {
   // Looks `name` up in the library and in what it depends on. ErrorWin32 774 when it is missing or
   // nothing is loaded, 87 for a null name; `address` is then null.
   CZuError GetAddress(const char* name, void*& address) const;
+
+  // The same for those who need no reason: null when it is missing. `name` must not be null.
+  void* Find(const char* name) const;
 
   // Gives up what Load took; without it, nothing happens.
   CZuError Free();
