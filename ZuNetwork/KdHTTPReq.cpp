@@ -14,6 +14,7 @@ namespace {
 using FXErrorUtil::ErrorInt;
 
 constexpr std::string_view kSchemeEnd = "://";
+constexpr std::string_view kServerConfiguration = "web.config";  // servers list it but keep it
 constexpr char kInvalidListing[] = "Invalid HTTP Reponse. Parsing the reponse file failed.";
 
 bool StartsWith(const std::string& text, std::string_view prefix) {
@@ -392,16 +393,16 @@ CZuError KdHTTPReq::CollectLinks(std::string_view content, const std::string& so
 }
 
 CZuError KdHTTPReq::CollectLink(std::string_view target, std::vector<FileDirInfo>& entries) {
-  FileDirInfo entry;
-  entry.isFile = target.at(target.size() - 1) != '/';  // raises for an empty target
-  const std::string_view path = target.substr(0, target.size() - (entry.isFile ? 0 : 1));
-  if (!m_bLenientListing && path.find('/') == std::string_view::npos) {
+  const bool isFile = target.at(target.size() - 1) != '/';  // raises for an empty target
+  if (!isFile) target.remove_suffix(1);
+  const size_t slash = target.rfind('/');
+  if (!m_bLenientListing && slash == std::string_view::npos) {
     return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
   }
-  entry.name = LastComponent(target);
+  FileDirInfo entry{std::string(target.substr(slash + 1)), isFile};  // all of it without a slash
   CZuError error = URLDecode(entry.name, entry.name);
   if (Failed(error)) return error.Push(ZU_HERE);
-  if (entry.name != "web.config") entries.push_back(std::move(entry));
+  if (entry.name != kServerConfiguration) entries.push_back(std::move(entry));
   return {};
 }
 

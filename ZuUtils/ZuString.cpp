@@ -19,10 +19,6 @@ CZuString& CZuString::operator=(const CZuString& other) {
   return *this;
 }
 
-CZuString::~CZuString() {
-  if (m_pszText != m_internal) delete[] m_pszText;
-}
-
 void CZuString::Clear() {
   m_nLength = 0;
   m_pszText[0] = '\0';

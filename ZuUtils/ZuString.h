@@ -13,7 +13,9 @@ class ZUUTILS_API CZuString {
   CZuString(const CZuString& other);
   CZuString& operator=(const char* text);
   CZuString& operator=(const CZuString& other);
-  ~CZuString();
+  ~CZuString() {
+    if (m_pszText != m_internal) delete[] m_pszText;
+  }
 
   const char* c_str() const { return m_pszText; }
   std::size_t Length() const { return m_nLength; }

@@ -39,10 +39,10 @@ Function Next(const char* name) {
 
 }  // namespace
 
-CZuError CZuLibrary::GetAddress(const char* name, void*& address) const {
-  using Real = CZuError (*)(const CZuLibrary*, const char*, void*&);
+void* CZuLibrary::Find(const char* name) const {
+  using Real = void* (*)(const CZuLibrary*, const char*);
   if (gLookups != nullptr) gLookups->emplace_back(name);
-  return Next<Real>("_ZNK10CZuLibrary10GetAddressEPKcRPv")(this, name, address);
+  return Next<Real>("_ZNK10CZuLibrary4FindEPKc")(this, name);
 }
 
 CZuError CZuLibrary::Load(const char* path, bool global) {

@@ -158,6 +158,17 @@ TEST_F(ZuLibrary, MissingSymbolCarriesTheLoadersText) {
   EXPECT_OK(library.GetAddress("zufake_function", address)) << "the next one is found";
 }
 
+TEST_F(ZuLibrary, FindTellsByNullWhatIsMissing) {
+  CZuLibrary library(true);
+  EXPECT_EQ(library.Find("zufake_function"), nullptr) << "before it is loaded";
+  ASSERT_OK(library.Load(kLibrary.c_str(), false));
+  EXPECT_EQ(library.Find("zufake_missing"), nullptr);
+  EXPECT_EQ(library.Find("zufake_null"), nullptr);
+  EXPECT_EQ(reinterpret_cast<int (*)()>(library.Find("zufake_function"))(), 42);
+  ASSERT_OK(library.Free());
+  EXPECT_EQ(library.Find("zufake_function"), nullptr) << "after it is freed";
+}
+
 TEST_F(ZuLibrary, SymbolWithoutAddressIsMissing) {
   CZuLibrary library(true);
   ASSERT_OK(library.Load(kLibrary.c_str(), false));
