@@ -471,7 +471,7 @@ CZuError KdProtocolReq::checkIfFileOrDirExists(const std::string& srcPath, bool 
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   double size = 0.0;
-  const CZuError error = getFileInfo(isFile ? srcPath : AppendForwardSlash(srcPath), size);
+  const CZuError error = getFileInfo(isFile ? srcPath.c_str() : AppendForwardSlash(srcPath), size);
   if (isFile) {
     if (m_curlCode != CURLE_OK) {
       return ErrorInt(ZU_HERE, kErrorBadInput,
@@ -518,8 +518,9 @@ CZuError KdProtocolReq::getInfo(CurlInfoType infoType, std::string& out) {
 CZuError KdProtocolReq::getFilesAndDirsInfoInFile(const std::string& srcPath) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  if (srcPath.empty()) return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
-  m_strURLPath = AppendForwardSlash(srcPath);
+  const char* const path = srcPath.c_str();
+  if (*path == '\0') return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
+  m_strURLPath = AppendForwardSlash(path);
   m_OpType = OP_GET_FILE_DIR_LIST;
   return SendOperation(ZU_HERE);
 }
@@ -564,7 +565,6 @@ CZuError KdProtocolReq::PrepareForRequest() {
 
 CZuError KdProtocolReq::Execute() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  m_responseCode = 0;  // a transfer that fails leaves no answer, not the one before
   m_curlCode = CurlWrapper::gCurlWrapper.Curl_easy_perform(Handle());
   if (m_curlCode != CURLE_OK) {
     return ErrorKdCURL(ZU_HERE, m_curlCode,
@@ -629,9 +629,9 @@ void KdProtocolReq::SetCallBacks() {
 }
 
 void KdProtocolReq::UnsetCallBacks() {
-  m_bWriteDataUnset = m_bWriteDataUnset || (m_WriteFunPtr && m_KdWriteCallbackInstancePtr);
   if (m_WriteFunPtr && m_KdWriteCallbackInstancePtr) {
     SetCallBack(CURLOPT_WRITEDATA, CURLOPT_WRITEFUNCTION, nullptr, nullptr);
+    m_bWriteDataUnset = true;
   }
   if (m_ReadFunPtr && m_KdReadCallbackInstancePtr) {
     SetCallBack(CURLOPT_READDATA, CURLOPT_READFUNCTION, nullptr, nullptr);

@@ -144,6 +144,9 @@ class ZUNETWORK_API KdProtocolReq {
   // set option [%d]" when it refuses a default.
   CZuError initialize();
 
+  // What initialize() sets, set again; an initialised object also gets a time limit of 18 minutes.
+  CZuError setDefaultConfiguration();
+
   // The configuration. All return the not-initialised error, or ErrorKdCURL with libcurl's code and
   // "Failed to set option [%d]" (the number of the option) at the first option that is refused.
 
@@ -296,7 +299,7 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError URLEncode(const std::string& strInput, std::string& outString);
   CZuError URLDecode(const std::string& strInput, std::string& outString);
 
-  // A libcurl write callback that swallows what it gets.
+  // Swallows what it gets; with its first argument cast, a libcurl write callback.
   static size_t getContentSize(void* ptr, size_t size, size_t nmemb, void* data);
 
  protected:
@@ -311,8 +314,6 @@ class ZUNETWORK_API KdProtocolReq {
   static constexpr char kNotInitializedPlural[] =
       "KdProtocol class is not initialized yet. Call initialize function before any other "
       "functions.";
-
-  CZuError setDefaultConfiguration();
 
   // The path up to its first zero byte, ending in a slash.
   static std::string AppendForwardSlash(const std::string& path);

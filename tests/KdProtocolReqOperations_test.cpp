@@ -436,13 +436,17 @@ TEST_F(KdProtocolReqQueries, ADirectoryIsAskedForWithOneTrailingSlash) {
   }
 }
 
-TEST_F(KdProtocolReqQueries, AMissingAnswerIsNotTakenFromTheRequestBefore) {
+// A transfer that ends without an answer keeps the response code of the one before.
+TEST_F(KdProtocolReqQueries, DirectoryIsAbsentWhileTheLastAnswerWasThat) {
   bool exists = true;
   fake.infos[CURLINFO_RESPONSE_CODE].number = 404;
   EXPECT_OK(req->checkIfFileOrDirExists("a", false, exists));
   EXPECT_FALSE(exists);
   fake.results["easy_perform"] = 28;
-  EXPECT_FAILS(req->checkIfFileOrDirExists("a", false, exists), IntCode(1), "[28]");
+  exists = true;
+  EXPECT_OK(req->checkIfFileOrDirExists("a", false, exists));
+  EXPECT_FALSE(exists);
+  EXPECT_FAILS(req->checkIfFileOrDirExists("a", true, exists), IntCode(1), "[28]");
 }
 
 TEST_F(KdProtocolReqQueries, InfoTellsAddressOrUrl) {
