@@ -337,8 +337,8 @@ CZuError CZuSocket::SendtoICMPSocket(const void* buf, int len, int timeout, int*
   return Result(ZU_HERE, err);
 }
 
-CZuError CZuSocket::RecvfromICMPSocket(void* buf, int len, int timeout, int* pnTimedOut, int flags,
-                                       int* received) {
+CZuError CZuSocket::RecvfromICMPSocket(const void* buf, int len, int timeout, int* pnTimedOut,
+                                       int flags, int* received) {
   if (m_Socket.m_socket == -1) return InvalidState(ZU_HERE, kNotValid);
   if (timeout != 0 && pnTimedOut == nullptr) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, kNoTimedOut);

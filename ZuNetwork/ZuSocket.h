@@ -137,7 +137,7 @@ class ZUNETWORK_API CZuSocket {
   // time-out only.
   CZuError SendtoICMPSocket(const void* buf, int len, int timeout, int* pnTimedOut, int flags,
                             int* sent);
-  CZuError RecvfromICMPSocket(void* buf, int len, int timeout, int* pnTimedOut, int flags,
+  CZuError RecvfromICMPSocket(const void* buf, int len, int timeout, int* pnTimedOut, int flags,
                               int* received);
 
   // An empty object, for where a reference to one is needed; leave it as it is.

@@ -205,11 +205,12 @@ int SendDatagram(KDSOCKET s, const ZUNET_SockAddr* to, const void* buffer, int l
   return 0;
 }
 
-int ReceiveDatagram(KDSOCKET s, ZUNET_SockAddr* from, void* buffer, int len, int* recvlen,
+// The buffer comes as constant, as the interface has it alike for both directions.
+int ReceiveDatagram(KDSOCKET s, ZUNET_SockAddr* from, const void* buffer, int len, int* recvlen,
                     int flags) {
   socklen_t length = LengthOf(*from);
-  const ssize_t received =
-      recvfrom(s, buffer, static_cast<std::size_t>(len), flags, Raw(from), &length);
+  const ssize_t received = recvfrom(s, const_cast<void*>(buffer), static_cast<std::size_t>(len),
+                                    flags, Raw(from), &length);
   if (received < 0) return errno;
   *recvlen = static_cast<int>(received);
   return 0;
@@ -403,7 +404,7 @@ int ZUNET_sendtoicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, const void* _bu
   return 0;
 }
 
-int ZUNET_recvfromicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, void* _buf, int len,
+int ZUNET_recvfromicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, const void* _buf, int len,
                              int* recvlen, int flags, int timeoutsecs, int* timedout) {
   *recvlen = 0;
   *timedout = 0;

@@ -125,12 +125,13 @@ ZUNETWORK_API int ZUNET_sendwithtimeout(KDSOCKET s, const void* _buf, int len, i
                                         int timeoutsecs, int* timedout, int flags);
 
 /* Move one datagram to (from) `SockAddr`, with the time-out of the functions above; its size is
- * stored on success and 0 otherwise. Receiving overwrites `SockAddr` with the sender; it must hold
- * an address of the socket's family before. An interrupt after the wait is reported as EINTR. */
+ * stored on success and 0 otherwise. Receiving writes into `_buf`, although it is passed as
+ * constant alike, and overwrites `SockAddr` with the sender; it must hold an address of the
+ * socket's family before. An interrupt after the wait is reported as EINTR. */
 ZUNETWORK_API int ZUNET_sendtoicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, const void* _buf,
                                          int len, int* sentlen, int flags, int timeoutsecs,
                                          int* timedout);
-ZUNETWORK_API int ZUNET_recvfromicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, void* _buf,
+ZUNETWORK_API int ZUNET_recvfromicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, const void* _buf,
                                            int len, int* recvlen, int flags, int timeoutsecs,
                                            int* timedout);
 
