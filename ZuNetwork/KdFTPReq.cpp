@@ -3,6 +3,7 @@
 #include <memory>
 #include <string_view>
 
+#include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "ZuUtils/FXString.h"
 #include "ZuUtils/ZuFile.h"
 
@@ -69,7 +70,10 @@ CZuError KdFTPReq::setHeaders(const std::map<std::string, std::string>& headerMa
 
 CZuError KdFTPReq::addQuoteCommand(const std::string& command) {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
-  m_headerList = CurlWrapper::gCurlWrapper.Curl_slist_append(m_headerList, command.c_str());
+  curl_slist* const list =
+      CurlWrapper::gCurlWrapper.Curl_slist_append(m_headerList, command.c_str());
+  if (list == nullptr) return ErrorKdCURL(ZU_HERE, -1, "Failed to add the command to the list.");
+  m_headerList = list;
   return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_QUOTE, static_cast<void*>(m_headerList)}});
 }
 
@@ -88,7 +92,7 @@ CZuError KdFTPReq::setMethodParameter() {
       SetOption(CURLOPT_UPLOAD, 1);
       SetOption(CURLOPT_INFILESIZE_LARGE, static_cast<long long>(m_lDataSize));
       SetOption(CURLOPT_FTP_CREATE_MISSING_DIRS, 1);
-      return OpenSourceFile();
+      return OpenSourceFile(ZU_HERE);
     case OP_DOWNLOAD_FILE:
       return {};
     case OP_GET_FILE_DIR_LIST:
@@ -111,11 +115,12 @@ CZuError KdFTPReq::setMethodParameter() {
 }
 
 // The file goes through the read callback of the request, which is cleared after it.
-CZuError KdFTPReq::OpenSourceFile() {
-  const bool hasReader = m_ReadFunPtr && m_KdReadCallbackInstancePtr;
+CZuError KdFTPReq::OpenSourceFile(const FXCodeLocation& where) {
+  const bool hasReader =
+      m_ReadFunPtr && m_KdReadCallbackInstancePtr && m_KdReadCallbackInstancePtr != &m_sourceFile;
   if (hasReader || m_strSourceFile.empty()) return {};
   CZuError error = m_sourceFile.Open(m_strSourceFile, m_lResumeOffset);
-  if (Failed(error)) return error.Push(ZU_HERE);
+  if (Failed(error)) return error.Push(where);
   setReadCallBack(&m_sourceFile, FileSource::Read);
   return {};
 }
@@ -134,6 +139,7 @@ CZuError KdFTPReq::unsetOpTypeParameter() {
       SetOption(CURLOPT_UPLOAD, 0);
       SetOption(CURLOPT_INFILESIZE_LARGE, 0LL);
       m_sourceFile.Close();
+      if (m_KdReadCallbackInstancePtr == &m_sourceFile) setReadCallBack(nullptr, nullptr);
       break;
     case OP_GET_FILE_DIR_LIST:
       SetOption(CURLOPT_DIRLISTONLY, 0);

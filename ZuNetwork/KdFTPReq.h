@@ -74,7 +74,7 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
   curl_slist* m_headerList = nullptr;  // owned; the lines given to CURLOPT_QUOTE
 
  private:
-  CZuError OpenSourceFile();
+  CZuError OpenSourceFile(const FXCodeLocation& where);
 
   FileSource m_sourceFile;
 };

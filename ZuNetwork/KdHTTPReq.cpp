@@ -254,21 +254,21 @@ CZuError KdHTTPReq::setMethodParameter() {
       SetOption(CURLOPT_POSTFIELDS, m_strPostString.c_str());
       return {};
     case OP_POST_BUFFER_WITH_SIZE:
-      return SetPostBuffer();
+      return SetPostBuffer(ZU_HERE);
     case OP_CUSTOM_OPERATION:
-      return SetCustomRequest();
+      return SetCustomRequest(ZU_HERE);
     case OP_NONE:
       break;
   }
   return ErrorInt(ZU_HERE, kErrorNotSupported, "Invalid OpType [%d]", m_OpType);
 }
 
-CZuError KdHTTPReq::SetPostBuffer() {
+CZuError KdHTTPReq::SetPostBuffer(const FXCodeLocation& where) {
   SetOption(CURLOPT_POST, 1);
   SetOption(CURLOPT_POSTFIELDSIZE, static_cast<long>(m_lDataSize));
   if (m_lDataSize == 0) return {};
   if (m_PostBuffer == nullptr) {
-    return ErrorInt(ZU_HERE, kErrorBadInput,
+    return ErrorInt(where, kErrorBadInput,
                     "KdProtocol buffer is NULL. Set buffer before calling doPostOperation "
                     "function.");
   }
@@ -278,11 +278,10 @@ CZuError KdHTTPReq::SetPostBuffer() {
   return {};
 }
 
-CZuError KdHTTPReq::SetCustomRequest() {
+CZuError KdHTTPReq::SetCustomRequest(const FXCodeLocation& where) {
   SetOption(CURLOPT_CUSTOMREQUEST, m_operationName.c_str());
   if (m_PostBuffer == nullptr) {
-    return ErrorInt(ZU_HERE, kErrorBadInput,
-                    "KdProtocol buffer is NULL. Set buffer before calling.");
+    return ErrorInt(where, kErrorBadInput, "KdProtocol buffer is NULL. Set buffer before calling.");
   }
   SetOption(CURLOPT_POSTFIELDS, m_PostBuffer);
   SetOption(CURLOPT_POSTFIELDSIZE, static_cast<long>(m_lDataSize));
@@ -359,23 +358,27 @@ CZuError KdHTTPReq::collectFilesAndDir(const std::string& fileName,
   if (Failed(error)) return error.Push(ZU_HERE, "Failed to read response file.");
   if (buffer == nullptr) return ErrorInt(ZU_HERE, kErrorBadInput, "Content buffer is NULL");
   const std::unique_ptr<char[]> owner(buffer);
-  error = CollectLinks(buffer, sourcePath, *vFilDirList);
-  if (!Failed(error)) error = file.Close();
+  const std::string_view content(buffer);
+  const size_t firstLink = LinkFinder(content).FindFrom(0);
+  if (firstLink == std::string_view::npos) return {};
+  error = CollectLinks(ZU_HERE, content, firstLink, sourcePath, *vFilDirList);
+  if (Failed(error)) return error;
+  error = file.Close();
   if (Failed(error)) error.Push(ZU_HERE);
   return error;
 }
 
-CZuError KdHTTPReq::CollectLinks(std::string_view content, const std::string& sourcePath,
+CZuError KdHTTPReq::CollectLinks(const FXCodeLocation& where, std::string_view content,
+                                 size_t firstLink, const std::string& sourcePath,
                                  std::vector<FileDirInfo>& entries) {
   LinkFinder links(content);
   std::string unescaped;
-  bool isFirst = true;
-  for (size_t link = links.FindFrom(0); link != std::string::npos;) {
+  for (size_t link = firstLink; link != std::string_view::npos;) {
     const size_t start = link + LinkFinder::kMarkerLength;
     const size_t end = content.find('"', start);
-    if (end == std::string::npos) return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
+    if (end == std::string_view::npos) return ErrorInt(where, kErrorNotSupported, kInvalidListing);
     std::string_view target = content.substr(start, end - start);
-    bool isEntry = !isFirst || !LeadsOutOfListing(content, end, target, sourcePath);
+    bool isEntry = link != firstLink || !LeadsOutOfListing(content, end, target, sourcePath);
     if (m_bLenientListing) {
       unescaped = target;
       UnescapeAmpersands(unescaped);
@@ -383,25 +386,25 @@ CZuError KdHTTPReq::CollectLinks(std::string_view content, const std::string& so
       isEntry = isEntry && LeadsToEntry(target, sourcePath);
     }
     if (isEntry) {
-      CZuError error = CollectLink(target, entries);
-      if (Failed(error)) return error.Push(ZU_HERE);
+      CZuError error = CollectLink(where, target, entries);
+      if (Failed(error)) return error;
     }
-    isFirst = false;
     link = links.FindFrom(end);
   }
   return {};
 }
 
-CZuError KdHTTPReq::CollectLink(std::string_view target, std::vector<FileDirInfo>& entries) {
+CZuError KdHTTPReq::CollectLink(const FXCodeLocation& where, std::string_view target,
+                                std::vector<FileDirInfo>& entries) {
   const bool isFile = target.at(target.size() - 1) != '/';  // raises for an empty target
   if (!isFile) target.remove_suffix(1);
   const size_t slash = target.rfind('/');
   if (!m_bLenientListing && slash == std::string_view::npos) {
-    return ErrorInt(ZU_HERE, kErrorNotSupported, kInvalidListing);
+    return ErrorInt(where, kErrorNotSupported, kInvalidListing);
   }
   FileDirInfo entry{std::string(target.substr(slash + 1)), isFile};  // all of it without a slash
   CZuError error = URLDecode(entry.name, entry.name);
-  if (Failed(error)) return error.Push(ZU_HERE);
+  if (Failed(error)) return error.Push(where);
   if (entry.name != kServerConfiguration) entries.push_back(std::move(entry));
   return {};
 }

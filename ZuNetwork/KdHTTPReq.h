@@ -84,12 +84,13 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
                                    const std::string& fieldValue) {
     return {copyName, fieldName, fieldValue};
   }
-  CZuError SetPostBuffer();
-  CZuError SetCustomRequest();
+  CZuError SetPostBuffer(const FXCodeLocation& where);
+  CZuError SetCustomRequest(const FXCodeLocation& where);
   void FreeForm();
-  CZuError CollectLinks(std::string_view content, const std::string& sourcePath,
-                        std::vector<FileDirInfo>& entries);
-  CZuError CollectLink(std::string_view target, std::vector<FileDirInfo>& entries);
+  CZuError CollectLinks(const FXCodeLocation& where, std::string_view content, size_t firstLink,
+                        const std::string& sourcePath, std::vector<FileDirInfo>& entries);
+  CZuError CollectLink(const FXCodeLocation& where, std::string_view target,
+                       std::vector<FileDirInfo>& entries);
 
   std::string m_postBody;  // what the handle points to after a POST of a buffer
 };
