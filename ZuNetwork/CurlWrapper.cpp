@@ -374,9 +374,9 @@ bool CurlWrapper::SignDigest(evp_pkey_st* key, const void* data, size_t size,
   const auto sign = Lookup<SignFinal>("EVP_SignFinal");
   // OpenSSL 1.1 renamed the makers of contexts.
   auto newContext = Lookup<NewContext>("EVP_MD_CTX_create");
+  const auto freeContext =
+      Lookup<FreeContext>(newContext ? "EVP_MD_CTX_destroy" : "EVP_MD_CTX_free");
   if (!newContext) newContext = Lookup<NewContext>("EVP_MD_CTX_new");
-  auto freeContext = Lookup<FreeContext>("EVP_MD_CTX_destroy");
-  if (!freeContext) freeContext = Lookup<FreeContext>("EVP_MD_CTX_free");
   if (!sha256 || !init || !update || !sign || !newContext) return false;
 
   const evp_md_st* const method = sha256();

@@ -1,6 +1,8 @@
 #pragma once
 
-#define CURL_DISABLE_DEPRECATION  // curl_formadd and its kin are the library's multipart interface
+#ifndef CURL_DISABLE_DEPRECATION  // curl_formadd and its kin are the library's multipart interface
+#define CURL_DISABLE_DEPRECATION
+#endif
 #include <curl/curl.h>
 
 #include <atomic>
@@ -111,7 +113,7 @@ class ZUNETWORK_API CurlWrapper {
                         int iStringToSignSize, const char* poStringPassPhrase,
                         unsigned char* poSignature, unsigned int* iSize);
 
- private:
+ protected:
   PKCS12_st* ReadPkcs12(const char* fileName);
   evp_pkey_st* ParsePkcs12(PKCS12_st* pkcs12, const char* fileName, const char* passPhrase,
                            x509_st** certificate) const;

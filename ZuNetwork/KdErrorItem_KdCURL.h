@@ -17,7 +17,7 @@ class ZUNETWORK_API FXErrorItemKdCURL : public FXErrorItem {
   std::string AsString() const override;
   boost::shared_ptr<FXErrorItem> Copy() const override;
 
- private:
+ protected:
   int m_iErrorCode;
 };
 
@@ -30,7 +30,7 @@ class ZUNETWORK_API FXErrorItemKdCURLDescription : public FXErrorItemKdCURL {
   std::string AsString() const override;
   boost::shared_ptr<FXErrorItem> Copy() const override;
 
- private:
+ protected:
   std::string m_strDescription;
 };
 

@@ -115,10 +115,10 @@ CZuError FileSink::OpenPart(std::int64_t& offset) {
   const std::string path = m_path + ".part";
   struct stat part;
   m_descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
-  if (m_descriptor == -1 || fstat(m_descriptor, &part) != 0) {
+  m_isOwner = m_descriptor != -1;
+  if (!m_isOwner || fstat(m_descriptor, &part) != 0) {
     return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path.c_str());
   }
-  m_isOwner = true;
   m_isKept = true;
   m_temporaryPath = path;
   struct stat replaced;

@@ -130,6 +130,7 @@ CZuError& CZuError::Push(const FXCodeLocation& where, const char* fmt, ...) {
 }
 
 CZuError& CZuError::Push(boost::shared_ptr<FXErrorItem> item) {
+  if (!item) return *this;
   if (!m_ptrPrivate) {
     m_ptrPrivate = boost::make_shared<Private>();
   } else if (m_ptrPrivate.use_count() > 1) {

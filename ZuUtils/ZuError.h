@@ -20,9 +20,9 @@
 
 // Where an error arose or passed. The texts are static and never owned.
 struct FXCodeLocation {
-  const char* m_pcszFile;      // base name of the source file
-  const char* m_pcszFunction;  // full signature of the function
-  int m_iLine;
+  const char* m_pcszFile = "";      // base name of the source file
+  const char* m_pcszFunction = "";  // full signature of the function
+  int m_iLine = 0;
 };
 
 // The location of the line it stands on. Not for lambdas and templates, whose signature says
@@ -51,7 +51,8 @@ class [[nodiscard]] ZUUTILS_API CZuError {
   // A failure with this result code (see FXErrorUtil for the makers of codes) and one item.
   CZuError(int code, boost::shared_ptr<FXErrorItem> item);
 
-  // Each adds one item on top and keeps the code; the result is this same error.
+  // Each adds one item on top and keeps the code; the result is this same error. A null item is
+  // none.
   CZuError& Push(const FXCodeLocation& where);
   CZuError& Push(const FXCodeLocation& where, const char* fmt, ...)
       __attribute__((format(printf, 3, 4)));

@@ -33,7 +33,7 @@ class ZUUTILS_API CZuLibrary {
   // Gives up what Load took; without it, nothing happens.
   CZuError Free();
 
- private:
+ protected:
   std::atomic<void*> m_handle{nullptr};
   bool m_bFreeOnDestroy;
 };
