@@ -32,10 +32,10 @@ class ControlSocket {
   ControlSocket(const ControlSocket&) = delete;
   ControlSocket& operator=(const ControlSocket&) = delete;
 
-  CZuError Open() {
+  CZuError Open(const FXCodeLocation& where) {
     m_descriptor = socket(AF_INET, SOCK_DGRAM, 0);
     if (m_descriptor != -1) return {};
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+    return FXErrorUtil::ErrorWin32(where, kErrorInvalidState,
                                    "Failed to create IP control socket: %s", std::strerror(errno));
   }
 
@@ -60,7 +60,8 @@ class Table {
  public:
   // Asks the kernel for all records; `isFull` says of the bytes returned and the bytes offered
   // whether there may be more, for which twice the room is offered.
-  CZuError Read(const ControlSocket& control, bool (*isFull)(int length, int size)) {
+  CZuError Read(const FXCodeLocation& where, const ControlSocket& control,
+                bool (*isFull)(int length, int size)) {
     for (long size = kFirstSize; size <= std::numeric_limits<int>::max(); size *= 2) {
       m_records.reset(static_cast<char*>(std::malloc(static_cast<std::size_t>(size))));
       if (!m_records) break;
@@ -68,7 +69,7 @@ class Table {
       list.ifc_len = static_cast<int>(size);
       list.ifc_buf = m_records.get();
       if (!control.Ask(SIOCGIFCONF, &list)) {
-        return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+        return FXErrorUtil::ErrorWin32(where, kErrorInvalidState,
                                        "Failed to query the list of IPv4 interfaces: %s",
                                        std::strerror(errno));
       }
@@ -76,7 +77,7 @@ class Table {
       if (!isFull(list.ifc_len, static_cast<int>(size))) return {};
       m_records.reset();
     }
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNotEnoughMemory, "Out of memory");
+    return FXErrorUtil::ErrorWin32(where, kErrorNotEnoughMemory, "Out of memory");
   }
 
   int Count() const { return m_count; }
@@ -127,12 +128,12 @@ AddressPair V4Pair(const ControlSocket& control, const ifreq& record) {
   return {address, network};
 }
 
-CZuError AppendV4Pairs(std::vector<AddressPair>& list) {
+CZuError AppendV4Pairs(const FXCodeLocation& where, std::vector<AddressPair>& list) {
   ControlSocket control;
   Table table;
-  CZuError error = control.Open();
-  if (!Failed(error)) error = table.Read(control, IsFullOfRecords);
-  if (Failed(error)) return error.Push(ZU_HERE);
+  CZuError error = control.Open(where);
+  if (!Failed(error)) error = table.Read(where, control, IsFullOfRecords);
+  if (Failed(error)) return error;
   for (int i = 0; i < table.Count(); ++i) {
     const ifreq record = table.Record(i);
     if (record.ifr_addr.sa_family == AF_INET) list.push_back(V4Pair(control, record));
@@ -172,14 +173,14 @@ AddressPair V6Pair(const in6_addr& address) {
   return {v6, subnet};
 }
 
-CZuError AppendV6Pairs(std::vector<AddressPair>& list) {
+CZuError AppendV6Pairs(const FXCodeLocation& where, std::vector<AddressPair>& list) {
   const std::unique_ptr<FILE, CloseFile> file(std::fopen(kIPv6Table, "r"));
   if (!file) return {};
   char line[128];
   while (std::fgets(line, sizeof line, file.get()) != nullptr) {
     in6_addr address;
     if (!ReadAddress(line, address)) {
-      return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "Invalid contents of %s: %s",
+      return FXErrorUtil::ErrorWin32(where, kErrorInvalidState, "Invalid contents of %s: %s",
                                      kIPv6Table, line);
     }
     list.push_back(V6Pair(address));
@@ -207,12 +208,11 @@ bool ReadHardwareAddress(const ControlSocket& control, const ifreq& record, std:
 CZuError CZuIPAddr::GetIFList(std::vector<std::pair<CZuIPAddr, CZuIPAddr>>& list,
                               IP_FAMILY family) {
   CZuError error;
-  if (family == FAMILY_IPV4 || family == FAMILY_ANY) error = AppendV4Pairs(list);
+  if (family == FAMILY_IPV4 || family == FAMILY_ANY) error = AppendV4Pairs(ZU_HERE, list);
   if (!Failed(error) && (family == FAMILY_IPV6 || family == FAMILY_ANY)) {
-    error = AppendV6Pairs(list);
+    error = AppendV6Pairs(ZU_HERE, list);
   }
-  if (Failed(error)) return error.Push(ZU_HERE);
-  return {};
+  return error;
 }
 
 CZuError CZuIPAddr::GetIFList(std::vector<CZuIPAddr>& list, IP_FAMILY family) {
@@ -227,9 +227,9 @@ CZuError CZuIPAddr::GetIFList(std::vector<CZuIPAddr>& list, IP_FAMILY family) {
 CZuError CZuIPAddr::GetMACList(std::vector<std::string>& list, IP_FAMILY /*family*/) {
   ControlSocket control;
   Table table;
-  CZuError error = control.Open();
-  if (!Failed(error)) error = table.Read(control, IsFullToTheByte);
-  if (Failed(error)) return error.Push(ZU_HERE);
+  CZuError error = control.Open(ZU_HERE);
+  if (!Failed(error)) error = table.Read(ZU_HERE, control, IsFullToTheByte);
+  if (Failed(error)) return error;
   std::string text;
   for (int i = 0; i < table.Count(); ++i) {
     const ifreq record = table.Record(i);

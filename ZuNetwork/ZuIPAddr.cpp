@@ -254,7 +254,7 @@ CZuError CZuIPAddr::GetAllByName(const char* szHostName, std::vector<CZuIPAddr>&
   const int result = Resolve(szHostName, eFamily, list);
   if (result != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, result);
   for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
-    CZuIPAddr address;
+    CZuIPAddr address(ZUNET_SockAddr{});  // not the default, which makes the collision address
     if (!Assign(*entry, address)) continue;
     if (IsCollision(address)) {
       return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNameCollision, kCollisionText);

@@ -103,6 +103,20 @@ TEST(CollisionAddress, RefusesNothingUntilItIsKnown) {
   });
 }
 
+TEST(CollisionAddress, IsNotMadeByLookups) {
+  namespaces::RunInChild([] {
+    gSuccesses = kAllSucceed;
+    CZuIPAddr address(ZUNET_SockAddr{});
+    EXPECT_OK(CZuIPAddr::GetByName("127.0.53.53", address, kAny));
+    std::vector<CZuIPAddr> list;
+    EXPECT_OK(CZuIPAddr::GetAllByName("127.0.53.53", list, kAny));
+    EXPECT_THAT(Texts(list), testing::ElementsAre("127.0.53.53"));
+    EXPECT_FALSE(CZuIPAddr::m_DummyIpInit);
+    const CZuIPAddr made;
+    EXPECT_TRUE(CZuIPAddr::m_DummyIpInit);
+  });
+}
+
 TEST(CollisionAddress, IsNothingThatAClearedValueCouldEqual) {
   namespaces::RunInChild([] {
     gNamesAreEmpty = true;
