@@ -55,7 +55,7 @@ bool IsUnknownLength(double length) {
 }  // namespace
 
 pthread_mutex_t* KdProtocolReq::ssl_mutex = nullptr;
-std::atomic<bool> KdProtocolReq::m_gbInit{false};
+bool KdProtocolReq::m_gbInit = false;
 
 void KdProtocolReq::initializeCurlLibrary() {
   if (m_gbInit) return;

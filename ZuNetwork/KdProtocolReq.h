@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <list>
@@ -373,7 +372,7 @@ class ZUNETWORK_API KdProtocolReq {
   std::int64_t m_lResumeOffset = 0;  // of the next transfer
 
   static pthread_mutex_t* ssl_mutex;  // kept for derived classes; the base takes no lock
-  static std::atomic<bool> m_gbInit;
+  static bool m_gbInit;
 
  private:
   static constexpr size_t kErrorBufferSize = CURL_ERROR_SIZE;

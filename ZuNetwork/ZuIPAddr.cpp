@@ -60,9 +60,11 @@ bool Assign(const addrinfo& entry, CZuIPAddr& address) {
   return true;
 }
 
+// The flag is a plain bool to its readers, while threads that find it set read the address too.
+bool IsCollisionKnown() { return __atomic_load_n(&CZuIPAddr::m_DummyIpInit, __ATOMIC_ACQUIRE); }
+
 bool IsCollision(const CZuIPAddr& address) {
-  return CZuIPAddr::m_DummyIpInit.load(std::memory_order_acquire) &&
-         address == CZuIPAddr::m_DummyIp;
+  return IsCollisionKnown() && address == CZuIPAddr::m_DummyIp;
 }
 
 // Returns 0 or an errno value.
@@ -97,7 +99,7 @@ void SortUnique(std::vector<std::string>& texts) {
 // Both hold their first values before any constructor of any library runs, so that values which are
 // made early find the collision address, or make it, and nothing clears it again behind them.
 CZuIPAddr CZuIPAddr::m_DummyIp{ConstantInitialized{}};
-std::atomic<bool> CZuIPAddr::m_DummyIpInit{false};
+bool CZuIPAddr::m_DummyIpInit = false;
 
 namespace {
 
@@ -107,7 +109,7 @@ const CZuIPAddr gFirst;  // makes the collision address when the library is load
 
 CZuIPAddr::CZuIPAddr() {
   Clear();
-  if (!m_DummyIpInit.load(std::memory_order_acquire)) SetUpCollisionAddress();
+  if (!IsCollisionKnown()) SetUpCollisionAddress();
 }
 
 CZuIPAddr::~CZuIPAddr() { Clear(); }
@@ -349,12 +351,12 @@ CZuError CZuIPAddr::GetAllInterfaces(GetAllInterfacesArgs_t& args, GetAllInterfa
 // once only.
 void CZuIPAddr::SetUpCollisionAddress() {
   const std::lock_guard<std::mutex> lock(gSetUpMutex);
-  if (m_DummyIpInit.load(std::memory_order_relaxed)) return;
+  if (IsCollisionKnown()) return;
   ZUNET_SockAddr address{};
   ZUNET_str2ip("127.0.53.53", &address);  // refused once it is known below, yet written
   if (address.addr.f.family != FAMILY_IPV4) return;
   m_DummyIp.m_Addr = address;
-  m_DummyIpInit.store(true, std::memory_order_release);
+  __atomic_store_n(&m_DummyIpInit, true, __ATOMIC_RELEASE);
 }
 
 char* strlwr(char* s) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <string>
 #include <utility>
 #include <vector>
@@ -164,7 +163,7 @@ class ZUNETWORK_API CZuIPAddr {
   // library is loaded and, where that failed, by the next default constructions; until then nothing
   // is refused.
   static CZuIPAddr m_DummyIp;
-  static std::atomic<bool> m_DummyIpInit;
+  static bool m_DummyIpInit;
 
  private:
   // For m_DummyIp, which must be in place before any constructor runs.

@@ -42,7 +42,7 @@ int EnsureStreamSocket(const CZuIPAddr& addr, KDSOCKET& descriptor) {
 }  // namespace
 
 CZuSocket CZuSocket::m_DummyObj;
-std::atomic<bool> CZuSocket::bEnableLoopBack{false};
+bool CZuSocket::bEnableLoopBack = false;
 
 CZuSocket::CZuSocket() = default;
 

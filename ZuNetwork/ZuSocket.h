@@ -1,7 +1,5 @@
 #pragma once
 
-#include <atomic>
-
 #include "ZuNetwork/ZuIPAddr.h"
 #include "ZuNetwork/ZuNetworkExport.h"
 #include "ZuNetwork/ZuSocketDescriptor.h"
@@ -145,7 +143,7 @@ class ZUNETWORK_API CZuSocket {
 
   // Kept for programs that set it; nothing reads it on this platform.
   static void SetFastLoopBack(bool enable);
-  static std::atomic<bool> bEnableLoopBack;
+  static bool bEnableLoopBack;
 
  protected:
   CZuSocketDescriptor m_Socket;

@@ -185,7 +185,8 @@ TEST(CollisionAddress, IsFoundByOneOfManyThreads) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 6; ++i) {
       threads.emplace_back([&tries, end] {
-        while (!CZuIPAddr::m_DummyIpInit && std::chrono::steady_clock::now() < end) {
+        while (!__atomic_load_n(&CZuIPAddr::m_DummyIpInit, __ATOMIC_ACQUIRE) &&
+               std::chrono::steady_clock::now() < end) {
           ++tries;
           CZuIPAddr address;
           const CZuError error = CZuIPAddr::GetByName("127.0.53.53", address, kAny);
@@ -196,7 +197,7 @@ TEST(CollisionAddress, IsFoundByOneOfManyThreads) {
       });
     }
     while (tries < 60 && std::chrono::steady_clock::now() < end) std::this_thread::yield();
-    EXPECT_FALSE(CZuIPAddr::m_DummyIpInit);
+    EXPECT_FALSE(__atomic_load_n(&CZuIPAddr::m_DummyIpInit, __ATOMIC_ACQUIRE));
     gSuccesses = kAllSucceed;
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(Text(CZuIPAddr::m_DummyIp), "127.0.53.53");

@@ -15,7 +15,7 @@ Type Find(void* library, const char* name) {
 int Check(const char* path) {
   void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) return Complain(dlerror());
-  const auto known = Find<const std::atomic<bool>*>(library, "_ZN9CZuIPAddr13m_DummyIpInitE");
+  const auto known = Find<const bool*>(library, "_ZN9CZuIPAddr13m_DummyIpInitE");
   const auto getByName =
       Find<GetByNameFunction>(library, "_ZN9CZuIPAddr9GetByNameEPKcRS_NS_9IP_FAMILYE");
   int status = 0;
