@@ -54,10 +54,23 @@ TEST_F(ZuFdsetC, SizesAreWholeWords) {
   const struct {
     int descriptors;
     unsigned bytes;
-  } cases[] = {{0, 0},       {1, 8},       {63, 8},       {64, 8},
-               {65, 16},     {128, 16},    {129, 24},     {1023, 128},
-               {1024, 128},  {1025, 136},  {8191, 1024},  {8192, 1024},
-               {8193, 1032}, {9000, 1128}, {20000, 2504}, {1 << 20, 1 << 17}};
+  } cases[] = {{0, 0},
+               {1, 8},
+               {63, 8},
+               {64, 8},
+               {65, 16},
+               {128, 16},
+               {129, 24},
+               {1023, 128},
+               {1024, 128},
+               {1025, 136},
+               {8191, 1024},
+               {8192, 1024},
+               {8193, 1032},
+               {9000, 1128},
+               {20000, 2504},
+               {1 << 20, 1 << 17},
+               {2147483647, 1u << 28}};
   for (const auto& c : cases) EXPECT_EQ(fdset_sz_bytes(c.descriptors), c.bytes) << c.descriptors;
 }
 
@@ -410,6 +423,23 @@ TEST_F(ZuFdsetC, GrownCopyOfASmallerSetTakesItsCapacityAndDoesNotGrowAgain) {
   EXPECT_EQ(kdfdset_set(8191, &set), 0);
   EXPECT_EQ(kdfdset_set(9001, &set), -1);
   EXPECT_EQ(set.set, storage);
+}
+
+TEST_F(ZuFdsetC, ZeroReachesNoFurtherThanTheCapacityThatACopyTookBack) {
+  kdfdset_alloc(0, &other);
+  Fill(other, {7, 8191});
+  kdfdset_alloc(kMaximum, &set);
+  Fill(set, {8192, 9000, 19999});
+  ASSERT_EQ(kdfdset_copy_fdset(&set, &other), 0);
+  kdfdset_zero(&set);
+  EXPECT_EQ(kdfdset_get_maxfd(&set), -1);
+  EXPECT_EQ(set.sock_cnt, 8192u);
+  std::vector<int> bits;
+  for (int fd = 0; fd < kMaximum; ++fd) {
+    if ((set.set[fd / 64] >> (fd % 64) & 1) != 0) bits.push_back(fd);
+  }
+  EXPECT_EQ(bits, (Fds{8192, 9000, 19999}));
+  EXPECT_EQ(Members(set), Fds{}) << "what lies beyond is not in the set";
 }
 
 TEST_F(ZuFdsetC, GrownSetWithASmallerCapacityTakesNoLargerCopy) {

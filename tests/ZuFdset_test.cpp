@@ -1,6 +1,8 @@
 #include "ZuNetwork/ZuFdset.h"
 
+#include <functional>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "support/Expect.h"
@@ -51,6 +53,16 @@ class ZuFdsetTest : public testing::Test {
 
   OpenSet set;
 };
+
+TEST_F(ZuFdsetTest, RecordComesFirstThenTheFlag) {
+  static_assert(std::is_same_v<decltype(OpenSet::fdset), kdfdset>);
+  static_assert(std::is_same_v<decltype(OpenSet::isInitialize), bool>);
+  static_assert(sizeof(ZuFdset) == sizeof(kdfdset) + alignof(kdfdset));
+  const void* const record = &set.fdset;
+  const void* const flag = &set.isInitialize;
+  EXPECT_EQ(record, static_cast<const ZuFdset*>(&set));
+  EXPECT_TRUE(std::less<>()(record, flag));
+}
 
 TEST_F(ZuFdsetTest, MaximumIsThatOfThePlainFunctions) {
   ZuFdset::maxsock_set(12345);

@@ -506,6 +506,23 @@ TEST_F(ZuPingNetwork, AddressOfTheOtherFamilyIsNotSentTo) {
   EXPECT_EQ(result.serverIP, "::1");
 }
 
+// A raw IPv6 socket knows no option of IPv4, unlike a UDP or TCP one.
+TEST_F(ZuPingNetwork, SocketOfTheOtherFamilyTakesNoTimeToLive) {
+  if (access("/proc/net/if_inet6", F_OK) != 0) GTEST_SKIP() << "no IPv6 here";
+  probe.m_serverName = "before";
+  probe.m_serverIP = "before";
+  EXPECT_TRUE(HasMessages(probe.preparePingSocket("::1", 1, true), ErrNoCode(ENOPROTOOPT),
+                          {"SetSockOpt", "Protocol not available", "CZuPing::preparePingSocket",
+                           "Setting socket-TTL failed. [::1]"}));
+  EXPECT_STREQ(probe.m_serverIP.c_str(), "::1");
+  EXPECT_STREQ(probe.m_serverName.c_str(), "before");
+  ASSERT_NE(probe.m_sockPing.GetDescriptor(), -1) << "no failure closes the socket";
+  int family = -1;
+  socklen_t size = sizeof family;
+  ASSERT_EQ(getsockopt(probe.m_sockPing.GetDescriptor(), SOL_SOCKET, SO_DOMAIN, &family, &size), 0);
+  EXPECT_EQ(family, AF_INET6);
+}
+
 TEST_F(ZuPingNetwork, FailedReceiveEndsTheSeries) {
   gFaults.ofRecvfrom = ENETDOWN;
   EXPECT_TRUE(HasMessages(
@@ -539,14 +556,66 @@ TEST_F(ZuPingNetwork, SendTimeOutWrapsTheTime) {
   EXPECT_EQ(result.totalTimeMS, recorder.responses[0].currentPingtimeMS);
 }
 
+constexpr std::int64_t kSecond = 10'000'000;  // in ticks of 100 ns
+constexpr std::int64_t kNow = 1'700'000'000 * kSecond;
+
+// Lets the second request of a series wait in vain to be sent.
+struct JammingRecorder : PingRecorder {
+  bool OnPingResponse(void* callbackInstance, const ZuPingResponse& response,
+                      bool lastPacket) override {
+    gFaults.isNeverReady = response.currentPingSequenceNumber == 1;
+    return PingRecorder::OnPingResponse(callbackInstance, response, lastPacket);
+  }
+};
+
+TEST_F(ZuPingNetwork, SendTimeOutAmongAnsweredRequestsKeepsWhatTheLastReplySet) {
+  Responder peer(*network, [](const std::vector<Bytes>& requests) {
+    return std::vector<Answer>{
+        {Reply(requests.back()), PeerNetwork::kPeer, {}, static_cast<int>(50 + requests.size())}};
+  });
+  JammingRecorder jamming;
+  gClock = {kNow, kNow + 10'000,  // sent and answered
+            kNow + kSecond,       // never sent
+            kNow + 5 * kSecond, kNow + 5 * kSecond + 30'000};
+  ASSERT_OK(probe.ping(PeerNetwork::kPeer, 56, 3, 3, this, &jamming, result, false));
+  EXPECT_TRUE(gClock.empty());
+  EXPECT_GT(gFaults.passed, 0) << "it did not wait to send";
+  EXPECT_EQ(result.buffersSent, 3u);
+  EXPECT_THAT(Counters(), testing::ElementsAre(2, 1, 0, 0, 0));
+  EXPECT_EQ(gSleeps, 3);
+  ASSERT_EQ(jamming.responses.size(), 3u);
+  EXPECT_THAT(jamming.lastPackets, testing::ElementsAre(false, false, true));
+
+  const KD_PING_STATE states[] = {ZUPING_STATE_SUCCESS, ZUPING_STATE_TIMEOUT, ZUPING_STATE_SUCCESS};
+  const unsigned timesToLive[] = {51, 51, 52};
+  const std::int64_t milliseconds[] = {1, -1'700'000'001'000, 3};
+  std::uint64_t total = 0;
+  for (unsigned i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    const ZuPingResponse& response = jamming.responses[i];
+    EXPECT_EQ(response.currentPingState, states[i]);
+    EXPECT_EQ(response.sizeSent, 56u);
+    EXPECT_EQ(response.ttl, timesToLive[i]);
+    EXPECT_EQ(response.currentPingSequenceNumber, i + 1);
+    EXPECT_EQ(response.totalBufferCount, 3u);
+    EXPECT_EQ(response.serverIP, PeerNetwork::kPeer);
+    EXPECT_EQ(response.currentPingtimeMS, static_cast<std::uint64_t>(milliseconds[i]));
+    total += response.currentPingtimeMS;
+  }
+  EXPECT_EQ(result.totalTimeMS, total);
+
+  std::vector<unsigned> sequence;
+  for (const Bytes& packet : peer.Stop()) {
+    sequence.push_back(HeaderOf(Bytes(packet.begin() + kIpHeader, packet.end())).seq);
+  }
+  EXPECT_THAT(sequence, testing::ElementsAre(0, 2)) << "the lost request counts, unsent";
+}
+
 struct Times {
   std::int64_t start;  // ticks of 100 ns since 1970
   std::int64_t end;
   std::int64_t milliseconds;
 };
-
-constexpr std::int64_t kSecond = 10'000'000;
-constexpr std::int64_t kNow = 1'700'000'000 * kSecond;
 
 constexpr Times kTimes[] = {
     {kNow, kNow, 0},

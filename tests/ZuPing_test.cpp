@@ -34,7 +34,8 @@ struct Faults {
   int ofGetnameinfo = 0;  // EAI_*
   int sockets = 0;        // raw sockets asked for
   int lastFamily = -1;
-  int lookups = 0;  // of names
+  int lookups = 0;        // of names
+  int lookedFamily = -1;  // of the last lookup
   int sleeps = 0;
 };
 Faults gFaults;
@@ -83,7 +84,9 @@ int getaddrinfo(const char* name, const char* service, const addrinfo* hints, ad
   const bool isText = hints != nullptr && (hints->ai_flags & AI_NUMERICHOST) != 0;
   if (isText || name == nullptr) return real(name, service, hints, list);
   ++gFaults.lookups;
+  gFaults.lookedFamily = hints == nullptr ? -1 : hints->ai_family;
   if (strcmp(name, "named.test") == 0) return real("192.0.2.7", service, hints, list);
+  if (strcmp(name, "named6.test") == 0) return real("2001:db8::7", service, hints, list);
   if (strcmp(name, "colliding.test") == 0) return real("127.0.53.53", service, hints, list);
   if (strcmp(name, "absent.test") == 0) return EAI_NONAME;
   return real(name, service, hints, list);
@@ -105,6 +108,15 @@ int clock_nanosleep(clockid_t /*clock*/, int /*flags*/, const timespec* /*time*/
 
 namespace {
 
+// With the members that hold the arguments of a series.
+class ArgumentProbe : public PingProbe {
+ public:
+  using CZuPing::m_bIPV6;
+  using CZuPing::m_bufferCount;
+  using CZuPing::m_callbackInstance;
+  using CZuPing::m_timeout;
+};
+
 class ZuPing : public testing::Test {
  protected:
   ZuPing() { gFaults = Faults(); }
@@ -113,10 +125,29 @@ class ZuPing : public testing::Test {
     return probe.ping(server, size, count, timeout, this, &recorder, result, false);
   }
 
-  PingProbe probe;
+  ArgumentProbe probe;
   PingRecorder recorder;
   ZuPingResult result;
 };
+
+TEST_F(ZuPing, ArgumentsAreKeptBeforeTheServerIsLookedFor) {
+  PingRecorder other;
+  for (const char* const server : {"absent.test", "192.0.2.1"}) {
+    SCOPED_TRACE(server);
+    probe.m_bufferSize = probe.m_bufferCount = probe.m_timeout = 4711;
+    probe.m_callbackInstance = &other;
+    probe.m_pZuPingCallback = &other;
+    probe.m_bIPV6 = true;
+    gFaults.ofSocket = EPERM;
+    EXPECT_TRUE(Failed(probe.ping(server, 57, 3, 7, this, &recorder, result, false)));
+    EXPECT_EQ(probe.m_bufferSize, 57u);
+    EXPECT_EQ(probe.m_bufferCount, 3u);
+    EXPECT_EQ(probe.m_timeout, 7u);
+    EXPECT_EQ(probe.m_callbackInstance, this);
+    EXPECT_EQ(probe.m_pZuPingCallback, &recorder);
+    EXPECT_FALSE(probe.m_bIPV6);
+  }
+}
 
 struct Refusal {
   unsigned size;
@@ -139,14 +170,17 @@ TEST_F(ZuPing, WrongArgumentsAreRefusedBeforeAnythingIsOpened) {
   for (const Refusal& refusal : kRefusals) {
     SCOPED_TRACE(refusal.message);
     result.serverName = "before";
-    EXPECT_FAILS(probe.ping("named.test", refusal.size, refusal.count, 1, nullptr, &recorder,
-                            result, refusal.ipv6),
+    EXPECT_FAILS(probe.ping("named.test", refusal.size, refusal.count, 1, this, &recorder, result,
+                            refusal.ipv6),
                  KDResultCode(refusal.code), refusal.message);
     EXPECT_EQ(gFaults.sockets, 0);
     EXPECT_EQ(gFaults.lookups, 0);
     EXPECT_EQ(probe.m_sockPing.GetDescriptor(), -1);
     EXPECT_EQ(probe.m_pZuPingCallback, nullptr);
     EXPECT_EQ(probe.m_bufferSize, 0u);
+    EXPECT_EQ(probe.m_bufferCount, 0u);
+    EXPECT_EQ(probe.m_timeout, 0u);
+    EXPECT_EQ(probe.m_callbackInstance, nullptr);
     EXPECT_EQ(result.serverName, "before");
     EXPECT_TRUE(recorder.lines.empty());
   }
@@ -234,9 +268,11 @@ TEST_F(ZuPing, FailedSetUpIsReportedAndKeepsTheSocket) {
     gFaults = Faults();
     gFaults.*fault.function = fault.err;
     recorder.lines.clear();
+    probe.m_serverIP = "before";
     EXPECT_TRUE(HasMessages(Ping("192.0.2.1"), ErrNoCode(fault.err),
                             {fault.message, "prepare socket failed [192.0.2.1]"}));
     EXPECT_EQ(probe.m_sockPing.GetDescriptor() != -1, fault.keepsSocket);
+    EXPECT_STREQ(probe.m_serverIP.c_str(), "192.0.2.1");
     EXPECT_STREQ(probe.m_serverName.c_str(), "");
     EXPECT_EQ(result.serverIP, "");
     EXPECT_EQ(recorder.lines.size(), 1u);
@@ -259,10 +295,31 @@ TEST_F(ZuPing, SocketBlocksOnlyWithoutTimeOut) {
   }
 }
 
-TEST_F(ZuPing, OnlyTheSocketStepKnowsTheOtherFamily) {
-  (void)probe.preparePingSocket("::1", 1, true);  // IP_TTL is none of its options
-  EXPECT_EQ(gFaults.lastFamily, AF_INET6);
-  EXPECT_STREQ(probe.m_serverIP.c_str(), "::1");
+TEST_F(ZuPing, NamesAndSocketsAreOfTheFamilyAskedFor) {
+  const struct {
+    const char* server;
+    bool ipv6;
+    int lookedFamily;  // -1: none, it is a number
+    int socketFamily;
+    const char* text;
+  } cases[] = {
+      {"named.test", false, AF_INET, AF_INET, "192.0.2.7"},
+      {"named6.test", true, AF_INET6, AF_INET6, "2001:db8::7"},
+      {"192.0.2.1", true, -1, AF_INET6, "192.0.2.1"},
+      {"::1", true, -1, AF_INET6, "::1"},
+      {"::1", false, -1, AF_INET, "::1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.server);
+    gFaults = Faults();
+    gFaults.ofSocket = ENOBUFS;  // after everything that is looked at
+    probe.m_serverIP = "before";
+    EXPECT_FAILS(probe.preparePingSocket(c.server, 1, c.ipv6), ErrNoCode(ENOBUFS),
+                 "ICMP-Socket creation [");
+    EXPECT_EQ(gFaults.lookedFamily, c.lookedFamily);
+    EXPECT_EQ(gFaults.lastFamily, c.socketFamily);
+    EXPECT_STREQ(probe.m_serverIP.c_str(), c.text);
+  }
 }
 
 TEST_F(ZuPing, HeldSocketIsNotReplaced) {
@@ -273,6 +330,7 @@ TEST_F(ZuPing, HeldSocketIsNotReplaced) {
                            "prepare socket failed [192.0.2.2]"}));
   EXPECT_EQ(probe.m_sockPing.GetDescriptor(), descriptor);
   EXPECT_STREQ(probe.m_serverName.c_str(), "192.0.2.1");
+  EXPECT_STREQ(probe.m_serverIP.c_str(), "192.0.2.2");
 }
 
 TEST_F(ZuPing, DestructionClosesTheSocket) {
