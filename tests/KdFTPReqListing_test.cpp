@@ -83,7 +83,7 @@ class KdFTPReqListing : public FakeCurlTest {
     return names;
   }
 
-  // What becomes of a listing with one entry under these faults; no entry is taken.
+  // What becomes of the listing under these faults; no entry is taken.
   CZuError Fail(const std::string& path, Fault fault, bool closingFails = false) {
     std::vector<KdCURL::FileDirInfo> entries;
     gFault = fault;
