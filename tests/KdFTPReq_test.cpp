@@ -1,12 +1,8 @@
 #include "ZuNetwork/KdFTPReq.h"
 
-#include <dlfcn.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <memory>
+#include <type_traits>
 
-#include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "ZuNetwork/KdSFTPReq.h"
 #include "fakes/FakeCurlTest.h"
 #include "support/TempDir.h"
@@ -17,15 +13,16 @@ using testing::IsEmpty;
 
 namespace {
 
-bool gClosingFails = false;
-
 template <typename Base>
 class State : public Base {
  public:
   using Base::m_bIsProxySet;
   using Base::m_curlCode;
   using Base::m_headerList;
+  using Base::m_KdReadCallbackInstancePtr;
   using Base::m_lDataSize;
+  using Base::m_mHeaders;
+  using Base::m_ReadFunPtr;
   using Base::m_responseCode;
   using Base::m_strSourceFile;
   using Base::m_strURLPath;
@@ -34,6 +31,9 @@ class State : public Base {
 
 using FtpReq = State<KdCURL::KdFTPReq>;
 using SftpReq = State<KdCURL::KdSFTPReq>;
+
+static_assert(std::is_same_v<decltype(FtpReq::m_headerList), curl_slist*>);
+static_assert(std::is_base_of_v<KdCURL::KdFTPReq, KdCURL::KdSFTPReq>);
 
 KdCURL::operationType Type(int type) { return static_cast<KdCURL::operationType>(type); }
 
@@ -46,7 +46,6 @@ class KdFTPReqTest : public FakeCurlTest {
     Mark();
   }
   void TearDown() override {
-    gClosingFails = false;
     req.reset();
     FakeCurlTest::TearDown();
   }
@@ -56,39 +55,11 @@ class KdFTPReqTest : public FakeCurlTest {
     std::memset(req->m_szErrorBuffer, 'x', kErrorBufferSize);
   }
 
-  std::string Saved(const std::string& text) {
-    WriteFile(folder / "listing", text);
-    return folder / "listing";
-  }
-
-  // The names of the listing's entries.
-  std::vector<std::string> Collect(const std::string& text) {
-    std::vector<KdCURL::FileDirInfo> entries(1);
-    entries[0].name = "kept";
-    EXPECT_OK(req->collectFilesAndDir(Saved(text), &entries, "ignored"));
-    std::vector<std::string> names;
-    for (const KdCURL::FileDirInfo& entry : entries) {
-      EXPECT_FALSE(entry.isFile);
-      EXPECT_EQ(entry.fileSize, 0.0);
-      names.push_back(entry.name);
-    }
-    EXPECT_EQ(names.at(0), "kept");
-    names.erase(names.begin());
-    return names;
-  }
-
   TempDir folder;
   std::unique_ptr<FtpReq> req = std::make_unique<FtpReq>();
 };
 
 }  // namespace
-
-extern "C" int close(int descriptor) {
-  const int result = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"))(descriptor);
-  if (!gClosingFails) return result;
-  errno = EIO;
-  return -1;
-}
 
 TEST_F(KdFTPReqTest, ConstructionTouchesNothing) {
   {
@@ -145,6 +116,16 @@ TEST_F(KdFTPReqTest, EverythingNeedsAnInitialisedObject) {
   EXPECT_TRUE(flag);
   EXPECT_EQ(text, "stale");
   EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(KdFTPReqTest, TheUndoBeforeInitialiseTellsOfItsHook) {
+  FtpReq fresh;
+  fresh.addRequestedHeaders("A", "1");
+  const CZuError error = fresh.unSetMethodParameter();
+  EXPECT_FAILS(error, IntCode(1),
+               ("::unsetOpTypeParameter(), " + kNotInitialized + "function.\n").c_str());
+  EXPECT_THAT(error.AsString(), EndsWith("::unSetMethodParameter()"));
+  EXPECT_THAT(fresh.m_mHeaders, IsEmpty());
 }
 
 TEST_F(KdFTPReqTest, SettersSetOneOptionEach) {
@@ -239,6 +220,32 @@ TEST_F(KdFTPReqTest, RefusedCommandsAreToldAndFreed) {
   EXPECT_EQ(req->m_curlCode, kRefusal);
   EXPECT_FAILS(req->addQuoteCommand("NOOP"), TransferCode(kRefusal),
                "-Failed to set option [10028]");
+}
+
+TEST_F(KdFTPReqTest, ACommandThatCannotBeAddedLeavesTheOthersInForce) {
+  EXPECT_OK(req->setHeaders({{"A", "1"}}));
+  EXPECT_OK(req->addQuoteCommand("NOOP"));
+  const curl_slist* const list = req->m_headerList;
+  Mark();
+  fake.nulls.insert("slist_append");
+  const CZuError error = req->addQuoteCommand("DELE x");
+  fake.nulls.clear();
+  EXPECT_FAILS(error, 0xFFFFFFFF, "::addQuoteCommand(");
+  EXPECT_THAT(error.AsString(),
+              EndsWith("/KdCURL.-1.0xFFFFFFFF-Failed to add the command to the list."));
+  EXPECT_EQ(req->m_headerList, list);
+  EXPECT_THAT(Options(), IsEmpty());
+
+  std::vector<std::string> sent;
+  fake.onPerform = [&](const FakeHandle& handle) {
+    const FakeValue* const commands = handle.Find(CURLOPT_QUOTE);
+    const auto* line =
+        static_cast<const curl_slist*>(commands == nullptr ? nullptr : commands->pointer);
+    for (; line != nullptr; line = line->next) sent.emplace_back(line->data);
+    return CURLE_OK;
+  };
+  EXPECT_OK(req->download("p", {}));
+  EXPECT_THAT(sent, ElementsAre("A:1", "NOOP"));
 }
 
 TEST_F(KdFTPReqTest, CommandsStillThereAreFreedWithTheObject) {
@@ -338,6 +345,64 @@ TEST_F(KdFTPReqTest, AnUploadReadsItsFile) {
   EXPECT_EQ(sent, "0123|456789|") << "from its start";
 }
 
+TEST_F(KdFTPReqTest, AFileIsReadAnewWheneverItIsSet) {
+  WriteFile(folder / "source", "0123456789");
+  req->m_strSourceFile = folder / "source";
+  req->setOperationType(KdCURL::OP_UPLOAD_FILE);
+  const auto read = [&](size_t size) {
+    std::string data(size, '?');
+    data.resize(req->m_ReadFunPtr(data.data(), 1, size, req->m_KdReadCallbackInstancePtr));
+    return data;
+  };
+  ASSERT_OK(req->setMethodParameter());
+  EXPECT_EQ(read(4), "0123");
+  EXPECT_OK(req->unsetOpTypeParameter());
+  EXPECT_EQ(req->m_ReadFunPtr, nullptr);
+  EXPECT_EQ(req->m_KdReadCallbackInstancePtr, nullptr);
+  ASSERT_OK(req->setMethodParameter());
+  EXPECT_EQ(read(7), "0123456");
+  ASSERT_OK(req->setMethodParameter()) << "not undone before";
+  EXPECT_EQ(read(100), "0123456789");
+  EXPECT_OK(req->unsetOpTypeParameter());
+}
+
+TEST_F(KdFTPReqTest, ARequestByHandDoesNotKeepItsFileForTheNextUpload) {
+  WriteFile(folder / "A", "first");
+  WriteFile(folder / "B", "second");
+  std::vector<std::string> sent;
+  fake.onPerform = [&](const FakeHandle& handle) {
+    sent.push_back(handle.Read(100));
+    return CURLE_OK;
+  };
+  const std::string first = folder / "A";
+  const std::string second = folder / "B";
+  EXPECT_OK(req->uploadFile(first.c_str(), "p", 5, {}));
+  EXPECT_OK(req->PrepareForRequest());
+  EXPECT_OK(req->Execute());
+  EXPECT_OK(req->uploadFile(second.c_str(), "p", 6, {}));
+  EXPECT_THAT(sent, ElementsAre("first", "first", "second"));
+}
+
+TEST_F(KdFTPReqTest, ACallersReaderGoesBeforeTheFile) {
+  WriteFile(folder / "source", "of the file");
+  std::vector<std::string> sent;
+  fake.onPerform = [&](const FakeHandle& handle) {
+    sent.push_back(handle.Read(100));
+    return CURLE_OK;
+  };
+  const auto give = [](char* data, size_t, size_t, void* from) {
+    const auto& text = *static_cast<std::string*>(from);
+    std::memcpy(data, text.data(), text.size());
+    return text.size();
+  };
+  std::string text = "of the caller";
+  const std::string path = folder / "source";
+  req->setReadCallBack(&text, give);
+  EXPECT_OK(req->uploadFile(path.c_str(), "p", 13, {}));
+  EXPECT_OK(req->uploadFile(path.c_str(), "p", 11, {}));
+  EXPECT_THAT(sent, ElementsAre("of the caller", "of the file"));
+}
+
 TEST_F(KdFTPReqTest, AMissingSourceFileIsNotSent) {
   EXPECT_FAILS(req->uploadFile("/absent/source", "p", 10, {}), ErrNoCode(ENOENT),
                "Failed to open file [/absent/source]");
@@ -403,6 +468,26 @@ TEST_F(KdFTPReqTest, WhatIsNotEnteredIsAFile) {
   EXPECT_EQ(req->m_strURLPath, "a/");
   EXPECT_OK(req->IsFile("", flag));
   EXPECT_EQ(req->m_strURLPath, "/");
+}
+
+TEST_F(KdFTPReqTest, WithoutAServerTheCodeBeforeTellsFiles) {
+  req->setURL("");
+  req->m_curlCode = CURLE_REMOTE_ACCESS_DENIED;
+  bool isFile = false;
+  EXPECT_OK(req->IsFile("a", isFile));
+  EXPECT_TRUE(isFile);
+  for (const int code : {0, 7}) {
+    for (const bool before : {false, true}) {
+      req->m_curlCode = code;
+      isFile = before;
+      const CZuError error = req->IsFile("a", isFile);
+      EXPECT_FAILS(error, IntCode(101), ", URL is empty\n");
+      EXPECT_THAT(error.AsString().substr(error.AsString().rfind('\n')),
+                  testing::HasSubstr("::IsFile("));
+      EXPECT_EQ(isFile, before) << code;
+    }
+  }
+  EXPECT_THAT(fake.transfers, IsEmpty());
 }
 
 // URLs.
@@ -482,67 +567,4 @@ TEST_F(KdFTPReqTest, AFailedSplitIsHandedOn) {
   EXPECT_FAILS(error, IntCode(9), "broken");
   EXPECT_FAILS(error, IntCode(9), "splitServerAndURLPath failed.");
   EXPECT_EQ(url, "stale");
-}
-
-// Listings.
-
-TEST_F(KdFTPReqTest, ListingsAreLinesThatEndInCrLf) {
-  using Names = std::vector<std::string>;
-  const struct {
-    std::string text;
-    Names strict;
-    Names lenient;
-  } rows[] = {
-      {"", {}, {}},
-      {"a.txt\r\ndir1\r\nlast", {"a.txt", "dir1"}, {"a.txt", "dir1"}},
-      {"a.txt\r\n\r\nb\r\n", {"a.txt", "", "b"}, {"a.txt", "b"}},
-      {"a.txt\ndir1\n", {}, {"a.txt", "dir1"}},
-      {"a.txt\ndir1\r\n", {"a.txt\ndir1"}, {"a.txt", "dir1"}},
-      {"a\rb\r\n", {"a\rb"}, {"a\rb"}},
-      {"a\r\r\n", {"a\r"}, {"a\r"}},
-      {" a b \t\r\n", {" a b \t"}, {" a b \t"}},
-      {"%41%s%n\r\n", {"%41%s%n"}, {"%41%s%n"}},
-      {".\r\n..\r\n...\r\n", {".", "..", "..."}, {"..."}},
-      {"a\r\n" + std::string(1, '\0') + "b\r\n", {"a"}, {"a"}},
-      {std::string(1, '\0') + "b\r\n", {}, {}},
-      {"last", {}, {}},
-      {"\r\n", {""}, {}},
-      {"web.config\r\n\xFF\r\n", {"web.config", "\xFF"}, {"web.config", "\xFF"}},
-      {std::string(100000, 'x') + "\r\n", {std::string(100000, 'x')}, {std::string(100000, 'x')}},
-  };
-  for (const auto& [text, strict, lenient] : rows) {
-    SCOPED_TRACE(testing::PrintToString(text.substr(0, 40)));
-    req->setLenientListing(false);
-    EXPECT_EQ(Collect(text), strict);
-    req->setLenientListing(true);
-    EXPECT_EQ(Collect(text), lenient);
-  }
-}
-
-TEST_F(KdFTPReqTest, AFileThatLooksEmptyIsReadAsSuch) {
-  std::vector<KdCURL::FileDirInfo> entries;
-  EXPECT_OK(req->collectFilesAndDir("/dev/null", &entries, ""));
-  EXPECT_OK(req->collectFilesAndDir("/proc/self/cmdline", &entries, "")) << "its size is told as 0";
-  EXPECT_THAT(entries, IsEmpty());
-}
-
-TEST_F(KdFTPReqTest, UnreadableListingsAreErrors) {
-  std::vector<KdCURL::FileDirInfo> entries;
-  EXPECT_FAILS(req->collectFilesAndDir(Saved("a\r\n"), nullptr, ""), IntCode(1),
-               "Null pointer passed for output vector");
-  EXPECT_FAILS(req->collectFilesAndDir("/absent/%s", &entries, ""), ErrNoCode(ENOENT),
-               "Failed to open the response file [/absent/%s]");
-  EXPECT_FAILS(req->collectFilesAndDir("/", &entries, ""), ErrNoCode(EISDIR),
-               "Failed to open the response file [/]");
-  EXPECT_THAT(entries, IsEmpty());
-}
-
-TEST_F(KdFTPReqTest, AListingThatCannotBeClosedIsAnError) {
-  std::vector<KdCURL::FileDirInfo> entries;
-  const std::string path = Saved("a\r\n");
-  gClosingFails = true;
-  const CZuError error = req->collectFilesAndDir(path, &entries, "");
-  gClosingFails = false;
-  EXPECT_FAILS(error, ErrNoCode(EIO), ("Failed to close the response file [" + path).c_str());
-  EXPECT_THAT(entries, IsEmpty());
 }

@@ -1,11 +1,13 @@
 #include <dlfcn.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
 
-#include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "ZuNetwork/KdHTTPReq.h"
 #include "ZuUtils/ZuFile.h"
 #include "fakes/HttpReq.h"
@@ -44,10 +46,11 @@ CZuError CZuFile::ReadWholeFile(const char* path, char** content, std::size_t& l
   return Next<Real>("_ZN7CZuFile13ReadWholeFileEPKcPPcRm")(path, content, length);
 }
 
-CZuError CZuFile::Close() {
-  using Real = CZuError (*)(CZuFile*);
-  CZuError error = Next<Real>("_ZN7CZuFile5CloseEv")(this);
-  return gFault == Fault::kClose ? Failure() : error;
+extern "C" int close(int descriptor) {
+  const int result = Next<int (*)(int)>("close")(descriptor);
+  if (gFault != Fault::kClose) return result;
+  errno = EIO;
+  return -1;
 }
 
 namespace {
@@ -176,9 +179,11 @@ TEST_F(KdHTTPReqListing, LinksAreTheEntries) {
       EXPECT_OK(error);
       continue;
     }
-    EXPECT_FAILS(error, IntCode(101), kInvalid);
-    EXPECT_THAT(error.AsString(), HasSubstr("KdHTTPReq.cpp"));
-    EXPECT_THAT(error.AsString(), HasSubstr("::collectFilesAndDir("));
+    EXPECT_FAILS(error, IntCode(101), "KdHTTPReq.cpp:");
+    const std::string text = error.AsString();
+    EXPECT_THAT(text, HasSubstr("::KdHTTPReq::collectFilesAndDir("));
+    EXPECT_THAT(text, EndsWith(std::string("), ") + kInvalid));
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "one item: " << text;
   }
   EXPECT_THAT(fake.transfers, IsEmpty());
 }
@@ -215,21 +220,46 @@ TEST_F(KdHTTPReqListing, FaultsOfTheFileAreReported) {
   const struct {
     Fault fault;
     std::string text;
-    const char* entries;
   } rows[] = {
-      {Fault::kSize, "Failed to get the size of a file [" + m_path + "]", ""},
-      {Fault::kRead, "Failed to read response file.", ""},
-      {Fault::kClose, "", "a"},
+      {Fault::kSize, "Failed to get the size of a file [" + m_path + "]"},
+      {Fault::kRead, "Failed to read response file."},
   };
-  for (const auto& [fault, text, expected] : rows) {
+  for (const auto& [fault, text] : rows) {
     SCOPED_TRACE(text);
-    entries.clear();
     gFault = fault;
     const CZuError error = req->collectFilesAndDir(m_path, &entries, "");
     gFault = Fault::kNone;
     EXPECT_FAILS(error, ErrNoCode(EIO), "::collectFilesAndDir(");
-    EXPECT_THAT(error.AsString(), EndsWith(text));
+    EXPECT_THAT(error.AsString(), EndsWith("), " + text));
+    EXPECT_THAT(entries, IsEmpty());
+  }
+}
+
+TEST_F(KdHTTPReqListing, AFailedCloseIsToldOnlyAfterLinks) {
+  const struct {
+    const char* page;
+    const char* entries;
+    bool isTold;
+  } rows[] = {{"", "", false},
+              {"<html>nothing here</html>", "", false},
+              {R"(href="/a" href="/b/")", "a|b/", true}};
+  for (const auto& [page, expected, isTold] : rows) {
+    SCOPED_TRACE(page);
+    entries.clear();
+    Write(page);
+    gFault = Fault::kClose;
+    const CZuError error = req->collectFilesAndDir(m_path, &entries, "");
+    gFault = Fault::kNone;
     EXPECT_EQ(Shown(), expected);
+    if (!isTold) {
+      EXPECT_OK(error);
+      continue;
+    }
+    EXPECT_FAILS(error, ErrNoCode(EIO), "CZuFile::Close(");
+    const std::string text = error.AsString();
+    const std::string last = text.substr(text.rfind('\n'));
+    EXPECT_THAT(last, HasSubstr("::KdHTTPReq::collectFilesAndDir("));
+    EXPECT_THAT(last, EndsWith(")")) << "the location alone";
   }
 }
 

@@ -1,6 +1,8 @@
 #include "ZuNetwork/KdHTTPReq.h"
 
-#include "ZuNetwork/KdErrorItem_KdCURL.h"
+#include <algorithm>
+#include <type_traits>
+
 #include "fakes/HttpReq.h"
 
 using KdCURL::HTTP;
@@ -12,6 +14,18 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
+
+static_assert(KdCURL::HTTP == 1 && KdCURL::HTTPS == 2);
+static_assert(sizeof(KdCURL::HTTPProtocol) == sizeof(std::int32_t));
+static_assert(std::is_same_v<decltype(KdCURL::formInfo::copyName), std::string>);
+static_assert(std::is_same_v<decltype(KdCURL::formInfo::fieldName), std::int32_t>);
+static_assert(std::is_same_v<decltype(KdCURL::formInfo::fieldValue), std::string>);
+static_assert(std::is_same_v<decltype(HttpReq::m_headerList), curl_slist*>);
+static_assert(std::is_same_v<decltype(HttpReq::m_bDoChunkedTransfer), bool>);
+static_assert(std::is_same_v<decltype(HttpReq::m_formInfo), std::vector<KdCURL::formInfo>>);
+static_assert(std::is_same_v<decltype(HttpReq::m_FormPost), curl_httppost*>);
+static_assert(std::is_same_v<decltype(HttpReq::m_FormLast), curl_httppost*>);
+static_assert(std::is_same_v<decltype(HttpReq::m_FormComponentHeaders), std::vector<curl_slist*>>);
 
 constexpr int kUnknownTypes[] = {-1, 0, 10, 1000};
 constexpr char kBody[] = "body!";
@@ -78,6 +92,16 @@ TEST_F(KdHTTPReqTest, HooksNeedAnInitialisedObject) {
   EXPECT_OK(fresh.doesURLPathContainURL(flag));
   EXPECT_OK(fresh.getServerAndPathFromURLPath(text, text));
   EXPECT_OK(fresh.splitServerAndURLPath(text, text));
+}
+
+TEST_F(KdHTTPReqTest, TheUndoBeforeInitialiseTellsOfItsHook) {
+  HttpReq fresh(HTTP);
+  fresh.addRequestedHeaders("A", "1");
+  const CZuError error = fresh.unSetMethodParameter();
+  EXPECT_FAILS(error, IntCode(1),
+               ("::unsetOpTypeParameter(), " + kNotInitialized + "function.\n").c_str());
+  EXPECT_THAT(error.AsString(), EndsWith("::unSetMethodParameter()"));
+  EXPECT_THAT(fresh.m_mHeaders, IsEmpty());
 }
 
 TEST_F(KdHTTPReqTest, DefaultsSetNothing) {
@@ -281,22 +305,26 @@ TEST_F(KdHTTPReqTest, ABufferIsPostedWithItsSize) {
 }
 
 TEST_F(KdHTTPReqTest, AMissingBufferIsAnErrorWhereOneIsNeeded) {
-  Arrange(*req, 8);
-  req->m_PostBuffer = nullptr;
-  CZuError error = req->setMethodParameter();
-  EXPECT_FAILS(error, IntCode(1), "KdHTTPReq.cpp");
-  EXPECT_THAT(error.AsString(), EndsWith(", KdProtocol buffer is NULL. Set buffer before calling "
-                                         "doPostOperation function."));
-  EXPECT_THAT(Options(), ElementsAre("47 1", "60 4"));
-
-  Mark();
-  Arrange(*req, 9);
-  req->m_PostBuffer = nullptr;
-  error = req->setMethodParameter();
-  EXPECT_FAILS(error, IntCode(1), "KdHTTPReq.cpp");
-  EXPECT_THAT(error.AsString(),
-              EndsWith(", KdProtocol buffer is NULL. Set buffer before calling."));
-  EXPECT_THAT(Options(), ElementsAre("10036 \"PATCH\""));
+  const struct {
+    int type;
+    const char* text;
+    std::vector<std::string> options;
+  } rows[] = {{8,
+               "KdProtocol buffer is NULL. Set buffer before calling doPostOperation function.",
+               {"47 1", "60 4"}},
+              {9, "KdProtocol buffer is NULL. Set buffer before calling.", {"10036 \"PATCH\""}}};
+  for (const auto& [type, text, options] : rows) {
+    SCOPED_TRACE(type);
+    Mark();
+    Arrange(*req, type);
+    req->m_PostBuffer = nullptr;
+    const CZuError error = req->setMethodParameter();
+    EXPECT_FAILS(error, IntCode(1), "KdHTTPReq.cpp:");
+    const std::string rendered = error.AsString();
+    EXPECT_THAT(rendered, EndsWith(std::string("::KdHTTPReq::setMethodParameter(), ") + text));
+    EXPECT_EQ(std::count(rendered.begin(), rendered.end(), '\n'), 1) << "one item: " << rendered;
+    EXPECT_EQ(Options(), options);
+  }
 }
 
 // The operations from end to end.
@@ -548,6 +576,26 @@ TEST_F(KdHTTPReqTest, OnlyAMissingFolderReadsAsAFile) {
       }
     }
   }
+}
+
+TEST_F(KdHTTPReqTest, WithoutAServerTheAnswerBeforeDecides) {
+  req->setURL("");
+  req->m_responseCode = 404;
+  bool isFile = false;
+  EXPECT_OK(req->IsFile("a", isFile));
+  EXPECT_TRUE(isFile);
+  for (const long response : {0L, 200L, 403L}) {
+    for (const bool before : {false, true}) {
+      req->m_responseCode = response;
+      isFile = before;
+      const CZuError error = req->IsFile("a", isFile);
+      EXPECT_FAILS(error, IntCode(101), ", URL is empty\n");
+      EXPECT_THAT(error.AsString().substr(error.AsString().rfind('\n')), HasSubstr("::IsFile("));
+      EXPECT_EQ(isFile, before) << response;
+    }
+  }
+  EXPECT_EQ(req->m_strURLPath, "a/");
+  EXPECT_THAT(fake.transfers, IsEmpty());
 }
 
 TEST_F(KdHTTPReqTest, AProbeKeepsAnEndingSlashAndClearsTheErrorBuffer) {

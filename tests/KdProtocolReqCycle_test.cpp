@@ -103,11 +103,14 @@ struct CycleFailure {
   const char* label;
   std::function<void(TestReq&, FakeCurl&)> arrange;
   unsigned code;
-  std::vector<const char*> texts;
-  bool isPrepared;  // the callbacks were set, and the transfer was tried
+  std::vector<const char*> texts;  // how lines end, from a separator on
+  bool isPrepared;                 // the callbacks were set, and the transfer was tried
 };
 
 CZuError HookError() { return FXErrorUtil::ErrorWin32(ZU_HERE, 87, "no such thing"); }
+
+constexpr char kHookText[] = "HookError(), no such thing";
+constexpr long kStaleResponse = 777;
 
 std::vector<CycleFailure> CycleFailures() {
   const auto hook = [](const char* name) {
@@ -117,19 +120,19 @@ std::vector<CycleFailure> CycleFailures() {
       {"no server",
        [](TestReq& req, FakeCurl&) { req.setURL(""); },
        IntCode(101),
-       {"URL is empty"},
+       {"::PrepareForRequest(), URL is empty"},
        false},
       {"working URL",
        hook("getFullWorkingURL"),
        Win32Code(87),
-       {"no such thing", "Failed to get working URL"},
+       {kHookText, "::PrepareForRequest(), Failed to get working URL"},
        false},
-      {"method parameter", hook("setMethodParameter"), Win32Code(87), {"no such thing"}, false},
-      {"headers", hook("setHeaders"), Win32Code(87), {"no such thing"}, false},
+      {"method parameter", hook("setMethodParameter"), Win32Code(87), {kHookText}, false},
+      {"headers", hook("setHeaders"), Win32Code(87), {kHookText}, false},
       {"transfer",
        [](TestReq&, FakeCurl& fake) { fake.results["easy_perform"] = 28; },
        TransferCode(28),
-       {"CURL perform failed.Curl ErrorCode : [28], Error Message : [it broke]"},
+       {"/KdCURL.28.0x1C-CURL perform failed.Curl ErrorCode : [28], Error Message : [it broke]"},
        true},
       {"transfer without an error buffer",
        [](TestReq& req, FakeCurl& fake) {
@@ -137,31 +140,33 @@ std::vector<CycleFailure> CycleFailures() {
          req.m_szErrorBuffer = nullptr;
        },
        TransferCode(28),
-       {"CURL perform failed.Curl ErrorCode : [28], Error Message : "
+       {"/KdCURL.28.0x1C-CURL perform failed.Curl ErrorCode : [28], Error Message : "
         "[ Error buffer is not initialized]"},
        true},
       {"response code",
        [](TestReq&, FakeCurl& fake) { fake.refusedInfos[CURLINFO_RESPONSE_CODE] = 43; },
        TransferCode(43),
-       {"CURL perform failed.ErrorCode : [43], Error Message : []", "Failed to get ResponseCode"},
+       {"/KdCURL.43.0x2B-CURL perform failed.ErrorCode : [43], Error Message : []",
+        "::Execute(), Failed to get ResponseCode"},
        true},
       {"success hook",
        hook("isOperationSuccess"),
        Win32Code(87),
-       {"no such thing", "Failed to determine success or failure."},
+       {kHookText, "::Execute(), Failed to determine success or failure."},
        true},
       {"refused by the server",
        [](TestReq&, FakeCurl& fake) { fake.infos[CURLINFO_RESPONSE_CODE].number = 404; },
        0xEDD00000,
-       {"Requested Operation Failed. Return value from CURL: [0] Response code from server: "
-        "[404]"},
+       {"::Execute()/KdCURL.0.0x0-Requested Operation Failed. Return value from CURL: [0] Response "
+        "code from server: [404]"},
        true},
   };
 }
 
-TEST_F(KdProtocolReqCycle, EveryFailureIsReportedAndLeavesACleanHandle) {
-  for (const CycleFailure& failure : CycleFailures()) {
-    SCOPED_TRACE(failure.label);
+// A request of its own for each failure.
+class KdProtocolReqCycleFailures : public KdProtocolReqCycle {
+ protected:
+  void Arrange(const CycleFailure& failure) {
     req.reset();
     library.Reset();
     req = std::make_unique<TestReq>(fake);
@@ -173,8 +178,17 @@ TEST_F(KdProtocolReqCycle, EveryFailureIsReportedAndLeavesACleanHandle) {
     req->addRequestedHeaders("A", "1");
     failure.arrange(*req, fake);
     Mark();
+  }
+};
+
+TEST_F(KdProtocolReqCycleFailures, AreReportedAndLeaveACleanHandle) {
+  for (const CycleFailure& failure : CycleFailures()) {
+    SCOPED_TRACE(failure.label);
+    Arrange(failure);
     const CZuError error = req->SendReqest();
-    for (const char* const text : failure.texts) EXPECT_FAILS(error, failure.code, text);
+    for (const char* const text : failure.texts) {
+      EXPECT_FAILS(error, failure.code, (std::string(text) + "\n").c_str());
+    }
     EXPECT_THAT(error.AsString(), EndsWith("::SendReqest()"));
     EXPECT_THAT(error.AsString(),
                 HasSubstr(failure.isPrepared ? "::Execute()" : "::PrepareForRequest()"));
@@ -186,6 +200,23 @@ TEST_F(KdProtocolReqCycle, EveryFailureIsReportedAndLeavesACleanHandle) {
     EXPECT_EQ(fake.transfers.size(), failure.isPrepared ? 1u : 0u);
     ExpectCleared();
   }
+}
+
+TEST_F(KdProtocolReqCycleFailures, OfThePreparationLeaveTheCodesOfTheRequestBefore) {
+  int tried = 0;
+  for (const CycleFailure& failure : CycleFailures()) {
+    if (failure.isPrepared) continue;
+    SCOPED_TRACE(failure.label);
+    Arrange(failure);
+    req->m_curlCode = kStale;
+    req->m_responseCode = kStaleResponse;
+    EXPECT_FAILS(req->PrepareForRequest(), failure.code, "::PrepareForRequest()");
+    EXPECT_FAILS(req->SendReqest(), failure.code, "::SendReqest()");
+    EXPECT_EQ(req->m_curlCode, kStale);
+    EXPECT_EQ(req->m_responseCode, kStaleResponse);
+    ++tried;
+  }
+  EXPECT_EQ(tried, 4);
 }
 
 TEST_F(KdProtocolReqCycle, TheLastCodesCanBeReadAfterAFailure) {
@@ -248,6 +279,33 @@ TEST_F(KdProtocolReqCycle, HalfAPairIsNeitherSetNorUnset) {
   EXPECT_OK(req->SendReqest());
   EXPECT_THAT(Options(), ElementsAre("10002 \"s/p\""));
   ExpectCleared();
+}
+
+// Of what the full pairs left on the handle, only the null that libcurl would write to is replaced.
+TEST_F(KdProtocolReqCycle, HalfAPairAfterAFullOneIsNeitherSetNorUnset) {
+  const struct {
+    const char* label;
+    void* instance;
+    KdCURL::WRITE_FUN_POINTER function;
+  } rows[] = {{"only the instance", &m_writer, nullptr},
+              {"only the function", nullptr, &TakeNothing}};
+  for (const auto& [label, instance, function] : rows) {
+    SCOPED_TRACE(label);
+    SetAllCallBacks();
+    ASSERT_OK(req->SendReqest());
+    Mark();
+    req->setWriteCallBack(instance, function);
+    req->setReadCallBack(instance, function);
+    req->setHeaderWriteCallBack(instance, function);
+    EXPECT_OK(req->SendReqest());
+    EXPECT_THAT(Options(), ElementsAre("10002 \"s/p\"",
+                                       Shown(CURLOPT_WRITEDATA, static_cast<const void*>(stdout))));
+    for (const CURLoption option : {CURLOPT_WRITEFUNCTION, CURLOPT_READDATA, CURLOPT_READFUNCTION,
+                                    CURLOPT_HEADERDATA, CURLOPT_HEADERFUNCTION}) {
+      EXPECT_EQ(fake.transfers.back().Option(option), "null") << option;
+    }
+    ExpectCleared();
+  }
 }
 
 TEST_F(KdProtocolReqCycle, EachPairIsSetOnItsOwn) {
@@ -332,6 +390,26 @@ TEST_F(KdProtocolReqCycle, StepsNeedAnInitialisedObject) {
   EXPECT_THAT(fresh.Execute().AsString(), EndsWith(", " + kNotInitialized + "functions."));
   EXPECT_FAILS(fresh.Execute(), IntCode(1), "");
   EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(KdProtocolReqCycle, TheUndoDoesNotAskForAnInitialisedObject) {
+  const auto fill = [&] {
+    req = std::make_unique<TestReq>(fake);
+    SetAllCallBacks();
+    req->addRequestedHeaders("A", "1");
+    Mark();
+  };
+  fill();
+  EXPECT_OK(req->unSetMethodParameter());
+  ExpectCleared();
+  EXPECT_THAT(fake.CallsTo("hook ", mark), ElementsAre("unsetOpTypeParameter"));
+
+  fill();
+  req->failures["unsetOpTypeParameter"] = HookError();
+  const CZuError error = req->unSetMethodParameter();
+  EXPECT_FAILS(error, Win32Code(87), (std::string(kHookText) + "\n").c_str());
+  EXPECT_THAT(error.AsString(), EndsWith("::unSetMethodParameter()"));
+  ExpectCleared();
 }
 
 TEST_F(KdProtocolReqCycle, PreparationEndsBeforeTheTransfer) {

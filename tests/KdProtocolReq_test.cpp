@@ -1,5 +1,7 @@
 #include "ZuNetwork/KdProtocolReq.h"
 
+#include <type_traits>
+
 #include "fakes/TestReq.h"
 
 using testing::ElementsAre;
@@ -9,6 +11,48 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
+
+// Numbers and types that callers may keep or hand on.
+
+static_assert(KdCURL::OP_NONE == 0 && KdCURL::OP_UPLOAD_FILE == 1 &&
+              KdCURL::OP_DOWNLOAD_FILE == 2 && KdCURL::OP_GET_FILE_DIR_LIST == 3 &&
+              KdCURL::OP_GET_FILE_INFO == 4 && KdCURL::OP_CHECK_FILE_DIR_EXIST == 5 &&
+              KdCURL::OP_POST_SIMPLE == 6 && KdCURL::OP_GET_INFO == 7 &&
+              KdCURL::OP_POST_BUFFER_WITH_SIZE == 8 && KdCURL::OP_CUSTOM_OPERATION == 9);
+static_assert(KdCURL::CURL_PRIMARY_IP == 0 && KdCURL::CURL_EFFECTIVE_URL == 1);
+
+template <typename Member, typename Type>
+constexpr bool kIs = std::is_same_v<Member, Type>;
+
+static_assert(kIs<decltype(KdCURL::commandInfo::field), std::string>);
+static_assert(kIs<decltype(KdCURL::commandInfo::value), std::string>);
+static_assert(kIs<decltype(KdCURL::FileDirInfo::name), std::string>);
+static_assert(kIs<decltype(KdCURL::FileDirInfo::isFile), bool>);
+static_assert(kIs<decltype(KdCURL::FileDirInfo::fileSize), double>);
+static_assert(kIs<KdCURL::WRITE_FUN_POINTER, curl_write_callback>);
+static_assert(kIs<KdCURL::READ_FUN_POINTER, curl_read_callback>);
+static_assert(kIs<KdCURL::TRACE_FUN_POINTER, int (*)(void*, void*, char*, unsigned long, void*)>);
+
+using Headers = std::map<std::string, std::string>;
+static_assert(kIs<decltype(TestReq::m_mHeaders), Headers>);
+static_assert(kIs<decltype(TestReq::m_OpType), KdCURL::operationType>);
+static_assert(kIs<decltype(TestReq::m_lDataSize), std::int64_t>);
+static_assert(kIs<decltype(TestReq::m_bIsProxySet), bool>);
+static_assert(kIs<decltype(TestReq::m_WriteFunPtr), KdCURL::WRITE_FUN_POINTER>);
+static_assert(kIs<decltype(TestReq::m_ReadFunPtr), KdCURL::READ_FUN_POINTER>);
+static_assert(kIs<decltype(TestReq::m_HeaderWriteFunPtr), KdCURL::WRITE_FUN_POINTER>);
+static_assert(kIs<decltype(TestReq::m_KdWriteCallbackInstancePtr), void*>);
+static_assert(kIs<decltype(TestReq::m_KdReadCallbackInstancePtr), void*>);
+static_assert(kIs<decltype(TestReq::m_KdHeaderWriteCallbackInstancePtr), void*>);
+static_assert(kIs<decltype(TestReq::m_curlContext), KdCURL::KdCurlContext*>);
+static_assert(kIs<decltype(TestReq::m_szErrorBuffer), char*>);
+static_assert(kIs<decltype(TestReq::m_bProtocolInitialized), bool>);
+static_assert(kIs<decltype(TestReq::m_curlCode), int>);
+static_assert(kIs<decltype(TestReq::m_responseCode), long>);
+static_assert(std::is_abstract_v<KdCURL::KdProtocolReq>);
+static_assert(std::has_virtual_destructor_v<KdCURL::KdProtocolReq>);
+static_assert(!std::is_copy_constructible_v<TestReq> && !std::is_copy_assignable_v<TestReq>,
+              "owns its handle alone");
 
 int Trace(void*, void*, char*, unsigned long, void*) { return 0; }
 
@@ -128,6 +172,59 @@ TEST_F(KdProtocolReqTest, ASecondInitializeTakesANewHandleAndLeaksNothing) {
     EXPECT_EQ(fake.Alive().size(), 2u);
   }
   EXPECT_THAT(fake.Alive(), IsEmpty());
+}
+
+TEST_F(KdProtocolReqTest, AFailedSecondInitializeLeavesTheObjectInitialised) {
+  TestReq req(fake);
+  ASSERT_OK(req.initialize());
+  fake.nulls.insert("easy_init");
+  CZuError error = req.initialize();
+  EXPECT_FAILS(error, 0xFFFFFFFF, "");
+  EXPECT_THAT(error.AsString(),
+              EndsWith("::initialize()/KdCURL.-1.0xFFFFFFFF-Failed to get CURL handle"));
+  EXPECT_TRUE(req.m_bProtocolInitialized);
+  fake.nulls.clear();
+
+  for (const CURLoption option :
+       {CURLOPT_ERRORBUFFER, CURLOPT_FOLLOWLOCATION, CURLOPT_POSTREDIR, CURLOPT_VERBOSE,
+        CURLOPT_SSL_VERIFYPEER, CURLOPT_SSL_VERIFYHOST, CURLOPT_CAINFO}) {
+    SCOPED_TRACE(option);
+    fake.refusedOptions = {{option, kRefusal}};
+    error = req.initialize();
+    EXPECT_FAILS(error, TransferCode(kRefusal),
+                 ("-Failed to set option [" + std::to_string(option) + "]\n").c_str());
+    EXPECT_THAT(error.AsString(), EndsWith("::initialize()"));
+    EXPECT_TRUE(req.m_bProtocolInitialized);
+    EXPECT_EQ(req.m_curlCode, kRefusal);
+  }
+  fake.refusedOptions = {{CURLOPT_TIMEOUT, kRefusal}};
+  EXPECT_OK(req.initialize()) << "the time limit is no default that has to be there";
+  EXPECT_TRUE(req.m_bProtocolInitialized);
+}
+
+TEST_F(KdProtocolReqTest, TheDefaultsCanBeSetAgainWithATimeLimit) {
+  TestReq req(fake);
+  ASSERT_OK(req.initialize());
+  std::vector<std::string> options = DefaultOptions(req);
+  options.insert(options.begin(), Shown(CURLOPT_TIMEOUT, 1080L));
+  req.setOperationType(KdCURL::OP_UPLOAD_FILE);
+  req.m_curlCode = kStale;
+  std::memset(req.m_szErrorBuffer, 'x', kErrorBufferSize);
+  Mark();
+  EXPECT_OK(req.setDefaultConfiguration());
+  EXPECT_THAT(Options(), ElementsAreArray(options));
+  EXPECT_EQ(Calls().size(), options.size());
+  EXPECT_EQ(req.m_OpType, KdCURL::OP_DOWNLOAD_FILE);
+  EXPECT_EQ(req.m_curlCode, 0);
+  EXPECT_TRUE(IsCleared(req.m_szErrorBuffer));
+
+  Mark();
+  fake.refusedOptions = {{CURLOPT_TIMEOUT, kRefusal}, {CURLOPT_POSTREDIR, kRefusal}};
+  const CZuError error = req.setDefaultConfiguration();
+  EXPECT_FAILS(error, TransferCode(kRefusal), "::setDefaultConfiguration()/KdCURL.");
+  EXPECT_THAT(error.AsString(), EndsWith("-Failed to set option [161]"));
+  EXPECT_THAT(Options(), ElementsAreArray(options.begin(), options.begin() + 4));
+  EXPECT_TRUE(req.m_bProtocolInitialized);
 }
 
 TEST_F(KdProtocolReqTest, GlobalInitialisationIsDoneOnceItSucceeded) {

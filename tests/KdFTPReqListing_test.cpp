@@ -1,0 +1,189 @@
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "ZuNetwork/KdFTPReq.h"
+#include "ZuUtils/ZuFile.h"
+#include "fakes/FakeCurlTest.h"
+#include "support/TempDir.h"
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+// What the file services are to do, by the functions below.
+enum class Fault { kNone, kSize, kRead, kEmpty, kNoBuffer };
+Fault gFault = Fault::kNone;
+bool gClosingFails = false;
+
+CZuError Failure() { return FXErrorUtil::ErrorErrNo(ZU_HERE, ENXIO); }
+
+template <typename Function>
+Function Next(const char* name) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+CZuError CZuFile::Size(unsigned long long& size) {
+  using Real = CZuError (*)(CZuFile*, unsigned long long&);
+  if (gFault == Fault::kSize) return Failure();
+  return Next<Real>("_ZN7CZuFile4SizeERy")(this, size);
+}
+
+CZuError CZuFile::ReadWholeFile(const char* path, char** content, std::size_t& length) {
+  using Real = CZuError (*)(const char*, char**, std::size_t&);
+  if (gFault == Fault::kRead) return Failure();
+  if (gFault == Fault::kEmpty) return FXErrorUtil::ErrorWin32(ZU_HERE, 4306);
+  if (gFault == Fault::kNoBuffer) return {};
+  return Next<Real>("_ZN7CZuFile13ReadWholeFileEPKcPPcRm")(path, content, length);
+}
+
+extern "C" int close(int descriptor) {
+  const int result = Next<int (*)(int)>("close")(descriptor);
+  if (!gClosingFails) return result;
+  errno = EIO;
+  return -1;
+}
+
+namespace {
+
+class KdFTPReqListing : public FakeCurlTest {
+ protected:
+  KdFTPReqListing() { EXPECT_OK(req->initialize()); }
+  void TearDown() override {
+    gFault = Fault::kNone;
+    gClosingFails = false;
+    req.reset();
+    FakeCurlTest::TearDown();
+  }
+
+  // The name of a file with this listing; it is never a format.
+  std::string Saved(const std::string& text) {
+    WriteFile(folder / "list%sing", text);
+    return folder / "list%sing";
+  }
+
+  // The names of the listing's entries.
+  std::vector<std::string> Collect(const std::string& text) {
+    std::vector<KdCURL::FileDirInfo> entries(1);
+    entries[0].name = "kept";
+    EXPECT_OK(req->collectFilesAndDir(Saved(text), &entries, "ignored"));
+    std::vector<std::string> names;
+    for (const KdCURL::FileDirInfo& entry : entries) {
+      EXPECT_FALSE(entry.isFile);
+      EXPECT_EQ(entry.fileSize, 0.0);
+      names.push_back(entry.name);
+    }
+    EXPECT_EQ(names.at(0), "kept");
+    names.erase(names.begin());
+    return names;
+  }
+
+  // What becomes of the listing under these faults; no entry is taken.
+  CZuError Fail(const std::string& path, Fault fault, bool closingFails = false) {
+    std::vector<KdCURL::FileDirInfo> entries;
+    gFault = fault;
+    gClosingFails = closingFails;
+    CZuError error = req->collectFilesAndDir(path, &entries, "");
+    gFault = Fault::kNone;
+    gClosingFails = false;
+    EXPECT_THAT(entries, IsEmpty());
+    return error;
+  }
+
+  TempDir folder;
+  std::unique_ptr<KdCURL::KdFTPReq> req = std::make_unique<KdCURL::KdFTPReq>();
+};
+
+TEST_F(KdFTPReqListing, ListingsAreLinesThatEndInCrLf) {
+  using Names = std::vector<std::string>;
+  const struct {
+    std::string text;
+    Names strict;
+    Names lenient;
+  } rows[] = {
+      {"", {}, {}},
+      {"a.txt\r\ndir1\r\nlast", {"a.txt", "dir1"}, {"a.txt", "dir1"}},
+      {"a.txt\r\n\r\nb\r\n", {"a.txt", "", "b"}, {"a.txt", "b"}},
+      {"a.txt\ndir1\n", {}, {"a.txt", "dir1"}},
+      {"a.txt\ndir1\r\n", {"a.txt\ndir1"}, {"a.txt", "dir1"}},
+      {"a\rb\r\n", {"a\rb"}, {"a\rb"}},
+      {"a\r\r\n", {"a\r"}, {"a\r"}},
+      {" a b \t\r\n", {" a b \t"}, {" a b \t"}},
+      {"%41%s%n\r\n", {"%41%s%n"}, {"%41%s%n"}},
+      {".\r\n..\r\n...\r\n", {".", "..", "..."}, {"..."}},
+      {"a\r\n" + std::string(1, '\0') + "b\r\n", {"a"}, {"a"}},
+      {std::string(1, '\0') + "b\r\n", {}, {}},
+      {"last", {}, {}},
+      {"\r\n", {""}, {}},
+      {"web.config\r\n\xFF\r\n", {"web.config", "\xFF"}, {"web.config", "\xFF"}},
+      {std::string(100000, 'x') + "\r\n", {std::string(100000, 'x')}, {std::string(100000, 'x')}},
+  };
+  for (const auto& [text, strict, lenient] : rows) {
+    SCOPED_TRACE(testing::PrintToString(text.substr(0, 40)));
+    req->setLenientListing(false);
+    EXPECT_EQ(Collect(text), strict);
+    req->setLenientListing(true);
+    EXPECT_EQ(Collect(text), lenient);
+  }
+}
+
+TEST_F(KdFTPReqListing, AFileThatLooksEmptyIsReadAsSuch) {
+  std::vector<KdCURL::FileDirInfo> entries;
+  EXPECT_OK(req->collectFilesAndDir("/dev/null", &entries, ""));
+  EXPECT_OK(req->collectFilesAndDir("/proc/self/cmdline", &entries, "")) << "its size is told as 0";
+  EXPECT_THAT(entries, IsEmpty());
+}
+
+TEST_F(KdFTPReqListing, UnreadableListingsAreErrors) {
+  std::vector<KdCURL::FileDirInfo> entries;
+  EXPECT_FAILS(req->collectFilesAndDir(Saved("a\r\n"), nullptr, ""), IntCode(1),
+               "Null pointer passed for output vector");
+  EXPECT_FAILS(req->collectFilesAndDir("/absent/%s", &entries, ""), ErrNoCode(ENOENT),
+               "Failed to open the response file [/absent/%s]");
+  EXPECT_FAILS(req->collectFilesAndDir("/", &entries, ""), ErrNoCode(EISDIR),
+               "Failed to open the response file [/]");
+  EXPECT_THAT(entries, IsEmpty());
+}
+
+TEST_F(KdFTPReqListing, FaultsOfTheFileAreReported) {
+  const std::string path = Saved("a\r\n");
+  const struct {
+    Fault fault;
+    bool closingFails;
+    unsigned code;
+    std::string text;
+  } rows[] = {
+      {Fault::kSize, false, ErrNoCode(ENXIO), "Failed to get the size of a file [" + path + "]"},
+      {Fault::kSize, true, ErrNoCode(ENXIO), "Failed to get the size of a file [" + path + "]"},
+      {Fault::kRead, false, ErrNoCode(ENXIO), "Failed to read the response file [" + path + "]"},
+      {Fault::kRead, true, ErrNoCode(ENXIO), "Failed to read the response file [" + path + "]"},
+      {Fault::kNone, true, ErrNoCode(EIO), "Failed to close the response file [" + path + "]"},
+      {Fault::kNoBuffer, false, IntCode(1), "NULL buffer from ReadWholeFile"},
+      {Fault::kNoBuffer, true, ErrNoCode(EIO), "Failed to close the response file [" + path + "]"},
+  };
+  for (const auto& [fault, closingFails, code, text] : rows) {
+    SCOPED_TRACE(text + (closingFails ? ", not closed" : ""));
+    const CZuError error = Fail(path, fault, closingFails);
+    EXPECT_FAILS(error, code, "KdFTPReq.cpp:");
+    EXPECT_THAT(error.AsString(), EndsWith("), " + text));
+    EXPECT_THAT(error.AsString(), HasSubstr("::KdFTPReq::collectFilesAndDir("));
+  }
+}
+
+TEST_F(KdFTPReqListing, AFileThatTurnsOutEmptyHasNoEntries) {
+  const std::string path = Saved("a\r\n");
+  EXPECT_OK(Fail(path, Fault::kEmpty));
+  EXPECT_OK(Fail(path, Fault::kEmpty, true)) << "it is left to be closed";
+}
+
+TEST_F(KdFTPReqListing, AFileOfSizeZeroIsNotRead) {
+  EXPECT_OK(Fail(Saved(""), Fault::kRead));
+  EXPECT_OK(Fail(Saved(""), Fault::kNone, true));
+}
+
+}  // namespace
