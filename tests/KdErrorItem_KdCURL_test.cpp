@@ -84,6 +84,30 @@ TEST(KdErrorItem, ADescriptionFollowsADash) {
   EXPECT_EQ(FXErrorItemKdCURLDescription(kPlace, 28, "").AsString(), kBase + "/KdCURL.28.0x1C-");
 }
 
+// A class of a user says what it knows in its own way.
+class OwnItem : public FXErrorItemKdCURL {
+ public:
+  using FXErrorItemKdCURL::FXErrorItemKdCURL;
+  std::string AsString() const override { return "code " + std::to_string(m_iErrorCode); }
+};
+
+class OwnDescription : public FXErrorItemKdCURLDescription {
+ public:
+  using FXErrorItemKdCURLDescription::FXErrorItemKdCURLDescription;
+  std::string AsString() const override {
+    return std::to_string(m_iErrorCode) + " is " + m_strDescription;
+  }
+};
+
+TEST(KdErrorItem, DerivingClassesSeeCodeAndDescription) {
+  EXPECT_EQ(OwnItem(kPlace, 28).AsString(), "code 28");
+  EXPECT_EQ(OwnDescription(kPlace, 6, "host a").AsString(), "6 is host a");
+
+  CZuError error(static_cast<int>(TransferCode(28)), boost::make_shared<OwnItem>(kPlace, 28));
+  error.Push(boost::make_shared<OwnDescription>(kPlace, 6, "host a"));
+  EXPECT_EQ(Items(error), "code 28\n  6 is host a");
+}
+
 TEST(KdErrorItem, ACopyKeepsClassCodeAndDescription) {
   boost::shared_ptr<FXErrorItem> item =
       boost::make_shared<FXErrorItemKdCURLDescription>(kPlace, 6, "host a");

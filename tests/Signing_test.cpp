@@ -323,6 +323,8 @@ TEST(SigningFunctions, AMissingReporterOrFreeingFunctionIsSkipped) {
   expected.erase(std::remove(expected.begin(), expected.end(), "EVP_MD_CTX_destroy"),
                  expected.end());
   EXPECT_EQ(Probe("without_breakers"), expected);
+  // A context is not given to a freeing function of the other OpenSSL generation.
+  EXPECT_EQ(Probe("without_destroy_and_new"), expected);
   EXPECT_EQ(Probe("without_ERR_get_error_line"), all);
   EXPECT_THAT(Probe("without_ERR_get_error_line", {"FAKE_SIGNING_FAILS=PKCS12_parse"}),
               ElementsAre("d2i_PKCS12_fp", "PKCS12_parse", "PKCS12_free", "result 0 ?"));
@@ -341,6 +343,14 @@ TEST(SigningFunctions, AFailureEndsTheSigning) {
       {"EVP_MD_CTX_create",
        {"d2i_PKCS12_fp", "PKCS12_parse", "pass phrase secret", "PKCS12_free", "EVP_sha256",
         "EVP_MD_CTX_create", "X509_free", "EVP_PKEY_free", "result 0 ?"}},
+      {"EVP_sha256",  // its null is handed on, to be refused
+       {"d2i_PKCS12_fp", "PKCS12_parse", "pass phrase secret", "PKCS12_free", "EVP_sha256",
+        "EVP_MD_CTX_create", "EVP_DigestInit", "no digest", "EVP_MD_CTX_destroy", "X509_free",
+        "EVP_PKEY_free", "result 0 ?"}},
+      {"EVP_DigestInit",  // an update of a context without a digest is undefined in an old OpenSSL
+       {"d2i_PKCS12_fp", "PKCS12_parse", "pass phrase secret", "PKCS12_free", "EVP_sha256",
+        "EVP_MD_CTX_create", "EVP_DigestInit", "EVP_MD_CTX_destroy", "X509_free", "EVP_PKEY_free",
+        "result 0 ?"}},
       {"EVP_DigestUpdate",
        {"d2i_PKCS12_fp", "PKCS12_parse", "pass phrase secret", "PKCS12_free", "EVP_sha256",
         "EVP_MD_CTX_create", "EVP_DigestInit", "EVP_DigestUpdate", "data data",
@@ -353,6 +363,30 @@ TEST(SigningFunctions, AFailureEndsTheSigning) {
   for (const auto& [function, lines] : cases) {
     SCOPED_TRACE(function);
     EXPECT_EQ(Probe("complete", {std::string("FAKE_SIGNING_FAILS=") + function}), lines);
+  }
+}
+
+TEST(SigningFunctions, WithoutLibcurlNothingIsSignedOrPrinted) {
+  EXPECT_THAT(Probe("absent"), ElementsAre("result 0 ?"));
+}
+
+TEST(SigningFunctions, TheFileIsClosedHoweverTheSigningEnds) {
+  const struct {
+    const char* what;
+    const char* variant;
+    const char* failing;
+    const char* result;
+  } cases[] = {
+      {"signed", "complete", "nothing", "result 1 signed"},
+      {"no function to read it", "without_d2i_PKCS12_fp", "nothing", "result 0 ?"},
+      {"nothing could be read", "complete", "d2i_PKCS12_fp", "result 0 ?"},
+      {"cannot be parsed", "complete", "PKCS12_parse", "result 0 ?"},
+      {"no libcurl", "absent", "nothing", "result 0 ?"},
+  };
+  for (const auto& [what, variant, failing, result] : cases) {
+    SCOPED_TRACE(what);
+    // The probe tells of open files behind the result.
+    EXPECT_EQ(Probe(variant, {std::string("FAKE_SIGNING_FAILS=") + failing}).back(), result);
   }
 }
 

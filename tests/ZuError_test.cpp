@@ -301,6 +301,29 @@ TEST(ZuError, ConstructorTakesAnyCodeWithOneItem) {
   EXPECT_EQ(item.use_count(), 2) << "the item is shared, not copied";
 }
 
+TEST(ZuError, ANullItemIsNone) {
+  const boost::shared_ptr<FXErrorItem> none;
+  CZuError made(-5, none);
+  EXPECT_EQ(made.m_hrErrorCode, -5);
+  EXPECT_EQ(made.AsString(), "0xFFFFFFFB");
+  EXPECT_EQ(&made.Push(none), &made);
+  EXPECT_EQ(made.AsString(), "0xFFFFFFFB");
+  made.Push(kOuter);
+  EXPECT_EQ(made.AsString(), "0xFFFFFFFB\n  Outer.cpp:33, CZuError Outer(int)");
+
+  CZuError error = FXErrorUtil::ErrorErrNo(kInner, EIO);
+  const CZuError copy = error;
+  const std::string before = error.AsString();
+  EXPECT_EQ(&error.Push(none), &error);
+  EXPECT_EQ(error.AsString(), before);
+  EXPECT_EQ(copy.AsString(), before);
+
+  CZuError success;
+  success.Push(none);
+  EXPECT_EQ(success.AsString(), "0x00000000 (success)");
+  EXPECT_EQ(WordsOf(success).shared[0], nullptr) << "a success stays one";
+}
+
 TEST(ZuError, PushingOnOneCopyLeavesTheOthersAsTheyWere) {
   const CZuError original = FXErrorUtil::ErrorErrNo(kInner, EIO);
   const std::string before = original.AsString();
@@ -390,6 +413,14 @@ TEST(FXErrorItem, RendersItsLocation) {
   EXPECT_EQ(lowest.AsString(), ":-2147483648, ");
   const std::string name(1000, 'n');
   EXPECT_EQ(FXErrorItem({name.c_str(), name.c_str(), 1}).AsString(), name + ":1, " + name);
+}
+
+TEST(FXErrorItem, AnEmptyLocationIsRenderedWithoutNames) {
+  const FXCodeLocation nowhere{};
+  EXPECT_EQ(FXErrorItem(nowhere).AsString(), ":0, ");
+  EXPECT_EQ(FXErrorItem(nowhere).Copy()->AsString(), ":0, ");
+  EXPECT_EQ(FXErrorUtil::ErrorWin32(nowhere, 774, "text").Push(nowhere).AsString(),
+            "0x80070306 (system 774)\n  :0, , text\n  :0, ");
 }
 
 TEST(FXErrorItem, CopyIsAnotherItemThatSaysTheSame) {

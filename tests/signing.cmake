@@ -1,6 +1,7 @@
 # Libraries named libcurl.so with fakes of OpenSSL's signing functions, each in a folder of its own:
 #   complete              all of them, by their names of before 1.1 and of today
 #   without_<functions>   lacks these
+#   absent                no library at all, only a file of its name
 set(fake_signing_dir ${CMAKE_CURRENT_BINARY_DIR}/fake_signing)
 
 function(fake_signing folder)
@@ -26,6 +27,8 @@ fake_signing(without_new_names EVP_MD_CTX_new EVP_MD_CTX_free)
 fake_signing(without_old_names EVP_MD_CTX_create EVP_MD_CTX_destroy)
 fake_signing(without_makers EVP_MD_CTX_create EVP_MD_CTX_new)
 fake_signing(without_breakers EVP_MD_CTX_destroy EVP_MD_CTX_free)
+fake_signing(without_destroy_and_new EVP_MD_CTX_destroy EVP_MD_CTX_new)
+file(WRITE ${fake_signing_dir}/absent/libcurl.so "not a library\n")
 
 add_executable(signing_probe fakes/signing_probe.cpp)
 target_link_libraries(signing_probe PRIVATE ZuNetwork zu_warnings)

@@ -1,13 +1,27 @@
+#include <cstddef>
 #include <cstdio>
+#include <filesystem>
 
 #include "ZuNetwork/CurlWrapper.h"
 
-// Signs "data" with the file that is the first argument and tells how it went.
+namespace {
+
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+}  // namespace
+
+// Signs "data" with the file that is the first argument and tells how it went, and of files that
+// were left open.
 int main(int /*argc*/, char** argv) {
   setvbuf(stdout, nullptr, _IONBF, 0);
   unsigned char signature[512] = "?";
   unsigned int size = 1;
+  const std::ptrdiff_t before = OpenDescriptors();
   const int result =
       CurlWrapper::gCurlWrapper.SignSHA256withRSA(argv[1], "data", 4, "secret", signature, &size);
   printf("result %d %.*s\n", result, static_cast<int>(size), signature);
+  const std::ptrdiff_t left = OpenDescriptors() - before;
+  if (left != 0) std::printf("left open %td\n", left);
 }
