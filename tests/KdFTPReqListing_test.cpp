@@ -1,53 +1,16 @@
-#include <dlfcn.h>
-#include <unistd.h>
-
 #include <cerrno>
 
 #include "ZuNetwork/KdFTPReq.h"
-#include "ZuUtils/ZuFile.h"
 #include "fakes/FakeCurlTest.h"
+#include "support/FileFaults.h"
 #include "support/TempDir.h"
 
+using file_faults::Fault;
+using file_faults::gClosingFails;
+using file_faults::gFault;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-namespace {
-
-// What the file services are to do, by the functions below.
-enum class Fault { kNone, kSize, kRead, kEmpty, kNoBuffer };
-Fault gFault = Fault::kNone;
-bool gClosingFails = false;
-
-CZuError Failure() { return FXErrorUtil::ErrorErrNo(ZU_HERE, ENXIO); }
-
-template <typename Function>
-Function Next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-CZuError CZuFile::Size(unsigned long long& size) {
-  using Real = CZuError (*)(CZuFile*, unsigned long long&);
-  if (gFault == Fault::kSize) return Failure();
-  return Next<Real>("_ZN7CZuFile4SizeERy")(this, size);
-}
-
-CZuError CZuFile::ReadWholeFile(const char* path, char** content, std::size_t& length) {
-  using Real = CZuError (*)(const char*, char**, std::size_t&);
-  if (gFault == Fault::kRead) return Failure();
-  if (gFault == Fault::kEmpty) return FXErrorUtil::ErrorWin32(ZU_HERE, 4306);
-  if (gFault == Fault::kNoBuffer) return {};
-  return Next<Real>("_ZN7CZuFile13ReadWholeFileEPKcPPcRm")(path, content, length);
-}
-
-extern "C" int close(int descriptor) {
-  const int result = Next<int (*)(int)>("close")(descriptor);
-  if (!gClosingFails) return result;
-  errno = EIO;
-  return -1;
-}
 
 namespace {
 
@@ -55,8 +18,7 @@ class KdFTPReqListing : public FakeCurlTest {
  protected:
   KdFTPReqListing() { EXPECT_OK(req->initialize()); }
   void TearDown() override {
-    gFault = Fault::kNone;
-    gClosingFails = false;
+    file_faults::Reset();
     req.reset();
     FakeCurlTest::TearDown();
   }
@@ -89,8 +51,7 @@ class KdFTPReqListing : public FakeCurlTest {
     gFault = fault;
     gClosingFails = closingFails;
     CZuError error = req->collectFilesAndDir(path, &entries, "");
-    gFault = Fault::kNone;
-    gClosingFails = false;
+    file_faults::Reset();
     EXPECT_THAT(entries, IsEmpty());
     return error;
   }

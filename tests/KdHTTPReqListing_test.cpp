@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,49 +8,16 @@
 #include <stdexcept>
 
 #include "ZuNetwork/KdHTTPReq.h"
-#include "ZuUtils/ZuFile.h"
 #include "fakes/HttpReq.h"
+#include "support/FileFaults.h"
 
+using file_faults::Fault;
+using file_faults::gFault;
 using KdCURL::FileDirInfo;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-namespace {
-
-// What the file services are to fail with, by the functions below.
-enum class Fault { kNone, kSize, kRead, kNoBuffer, kClose };
-Fault gFault = Fault::kNone;
-
-CZuError Failure() { return FXErrorUtil::ErrorErrNo(ZU_HERE, EIO); }
-
-template <typename Function>
-Function Next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
-
-CZuError CZuFile::Size(unsigned long long& size) {
-  using Real = CZuError (*)(CZuFile*, unsigned long long&);
-  if (gFault == Fault::kSize) return Failure();
-  return Next<Real>("_ZN7CZuFile4SizeERy")(this, size);
-}
-
-CZuError CZuFile::ReadWholeFile(const char* path, char** content, std::size_t& length) {
-  using Real = CZuError (*)(const char*, char**, std::size_t&);
-  if (gFault == Fault::kRead) return Failure();
-  if (gFault == Fault::kNoBuffer) return {};
-  return Next<Real>("_ZN7CZuFile13ReadWholeFileEPKcPPcRm")(path, content, length);
-}
-
-extern "C" int close(int descriptor) {
-  const int result = Next<int (*)(int)>("close")(descriptor);
-  if (gFault != Fault::kClose) return result;
-  errno = EIO;
-  return -1;
-}
 
 namespace {
 
@@ -61,7 +27,7 @@ class KdHTTPReqListing : public HttpReqTest {
  protected:
   KdHTTPReqListing() : m_path(testing::TempDir() + "listing." + std::to_string(getpid())) {}
   void TearDown() override {
-    gFault = Fault::kNone;
+    file_faults::Reset();
     std::filesystem::remove(m_path);
     EXPECT_EQ(m_openFiles, CountOpenFiles());
     HttpReqTest::TearDown();
@@ -229,7 +195,7 @@ TEST_F(KdHTTPReqListing, FaultsOfTheFileAreReported) {
     gFault = fault;
     const CZuError error = req->collectFilesAndDir(m_path, &entries, "");
     gFault = Fault::kNone;
-    EXPECT_FAILS(error, ErrNoCode(EIO), "::collectFilesAndDir(");
+    EXPECT_FAILS(error, ErrNoCode(ENXIO), "::collectFilesAndDir(");
     EXPECT_THAT(error.AsString(), EndsWith("), " + text));
     EXPECT_THAT(entries, IsEmpty());
   }
@@ -247,9 +213,9 @@ TEST_F(KdHTTPReqListing, AFailedCloseIsToldOnlyAfterLinks) {
     SCOPED_TRACE(page);
     entries.clear();
     Write(page);
-    gFault = Fault::kClose;
+    file_faults::gClosingFails = true;
     const CZuError error = req->collectFilesAndDir(m_path, &entries, "");
-    gFault = Fault::kNone;
+    file_faults::Reset();
     EXPECT_EQ(Shown(), expected);
     if (!isTold) {
       EXPECT_OK(error);
