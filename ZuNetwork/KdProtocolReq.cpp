@@ -28,18 +28,10 @@ bool TakesNumber(CURLoption option) {
 }
 
 const char* HttpVersion(long version) {
-  switch (version) {
-    case CURL_HTTP_VERSION_1_0:
-      return "1.0";
-    case CURL_HTTP_VERSION_1_1:
-      return "1.1";
-    case CURL_HTTP_VERSION_2_0:
-      return "2";
-    case CURL_HTTP_VERSION_3:
-      return "3";
-    default:
-      return "";
-  }
+  if (version == CURL_HTTP_VERSION_1_0) return "1.0";
+  if (version == CURL_HTTP_VERSION_1_1) return "1.1";
+  if (version == CURL_HTTP_VERSION_2_0) return "2";
+  return version == CURL_HTTP_VERSION_3 ? "3" : "";
 }
 
 bool IsNullOrEmpty(const char* text) { return text == nullptr || *text == '\0'; }
@@ -470,8 +462,10 @@ CZuError KdProtocolReq::checkIfFileOrDirExists(const std::string& srcPath, bool 
                                                bool& isExist) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
+  CZuString path(srcPath.c_str());
+  if (!isFile) path.CheckAndAppendLastCharacter('/');
   double size = 0.0;
-  const CZuError error = getFileInfo(isFile ? srcPath.c_str() : AppendForwardSlash(srcPath), size);
+  const CZuError error = getFileInfo(path.c_str(), size);
   if (isFile) {
     if (m_curlCode != CURLE_OK) {
       return ErrorInt(ZU_HERE, kErrorBadInput,
@@ -518,9 +512,9 @@ CZuError KdProtocolReq::getInfo(CurlInfoType infoType, std::string& out) {
 CZuError KdProtocolReq::getFilesAndDirsInfoInFile(const std::string& srcPath) {
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
-  const char* const path = srcPath.c_str();
-  if (*path == '\0') return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
-  m_strURLPath = AppendForwardSlash(path);
+  const CZuString path(srcPath.c_str());
+  if (path.IsEmpty()) return ErrorInt(ZU_HERE, kErrorBadInput, "Source path passed in empty");
+  m_strURLPath = AppendForwardSlash(path.c_str());
   m_OpType = OP_GET_FILE_DIR_LIST;
   return SendOperation(ZU_HERE);
 }
