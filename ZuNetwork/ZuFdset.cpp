@@ -1,5 +1,7 @@
 #include "ZuNetwork/ZuFdset.h"
 
+#include <cstring>
+
 namespace {
 
 // What the plain functions return when the set has no room for a descriptor, or no storage.
@@ -88,11 +90,17 @@ int ZuFdset::is_set(int fd) {
 
 bool ZuFdset::reserve(KDSOCKET fd) {
   EnsureInitialized();
-  // A copy from a smaller set takes the capacity back, while a heap block stays as large as it was
-  // made: for the maximum.
-  const bool grown = fdset.set != fdset.__pvt_buff;
-  const std::uint32_t room = grown ? fdset.max_sock_cnt : fdset.sock_cnt;
-  if (fdset.set != nullptr && static_cast<std::uint32_t>(fd) < room) return true;
+  const auto wanted = static_cast<std::uint32_t>(fd);
+  if (fdset.set != nullptr && wanted < fdset.sock_cnt) return true;
+  const bool grown = fdset.set != nullptr && fdset.set != fdset.__pvt_buff;
+  if (grown && wanted < fdset.max_sock_cnt) {
+    // A copy from a smaller set took the capacity back, while the heap block stays as large as it
+    // was made, for the maximum, with the bits that were there.
+    const unsigned used = fdset_sz_bytes(static_cast<int>(fdset.sock_cnt));
+    const unsigned whole = fdset_sz_bytes(static_cast<int>(fdset.max_sock_cnt));
+    std::memset(reinterpret_cast<char*>(fdset.set) + used, 0, whole - used);
+    return true;
+  }
   return kdfdset_set(fd, &fdset) == 0 && kdfdset_clr(fd, &fdset) == 0;
 }
 

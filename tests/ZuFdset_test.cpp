@@ -332,6 +332,8 @@ TEST_F(ZuFdsetTest, ReserveKnowsTheHeapBlockBehindASmallerCapacity) {
   set = small;
   EXPECT_TRUE(set.reserve(19999));
   EXPECT_FALSE(set.reserve(20000));
+  EXPECT_EQ(Members(set), Fds{1});
+  EXPECT_EQ(set.fdset.set[9000 / 64], 0u) << "what was a member before the copy is none for select";
 }
 
 }  // namespace
