@@ -112,12 +112,14 @@ void Listing16MiB(benchmark::State& state) {
 }
 BENCHMARK(Listing16MiB)->Unit(benchmark::kMillisecond)->Iterations(15);
 
-// The other side of a transfer: a server, who asks there, and the names of a file to get, a file to
-// send and the name it gets.
+// The other side of a transfer: a server, who asks there, whether each turn has a connection of its
+// own (or the server's process behind the one may be slower than that behind the other for all
+// turns), and the names of a file to get, a file to send and the name it gets.
 struct Peer {
   const char* server;
   const char* user;
   const char* key;
+  long newConnections;
   std::string remoteFile;
   std::string localFile;
   std::string remoteTarget;
@@ -132,6 +134,7 @@ class OurTransfer {
     if (Failed(m_request.setTraceCallBack(this, Silence))) std::abort();
     if (Failed(m_request.setCredentials(peer.user, ""))) std::abort();
     m_request.setURL(peer.server);
+    if (Failed(m_request.setOption(CURLOPT_FORBID_REUSE, peer.newConnections))) std::abort();
     if (peer.key == nullptr) return;
     if (Failed(m_request.setOption(CURLOPT_SSH_PRIVATE_KEYFILE, peer.key))) std::abort();
   }
@@ -159,6 +162,7 @@ class PlainTransfer {
  public:
   explicit PlainTransfer(const Peer& peer) : m_peer(peer) {
     m_curl.Set(CURLOPT_USERPWD, (std::string(peer.user) + ":").c_str());
+    m_curl.Set(CURLOPT_FORBID_REUSE, peer.newConnections);
     if (peer.key != nullptr) m_curl.Set(CURLOPT_SSH_PRIVATE_KEYFILE, peer.key);
   }
 
@@ -223,7 +227,7 @@ void Ftp1GiB(benchmark::State& state, Comparison compare) {
   const char* const server = FromEnvironment(state, "ZUNETWORK_BENCH_FTP");
   const char* const folder = FromEnvironment(state, "ZUNETWORK_BENCH_FILES");
   if (server == nullptr || folder == nullptr) return;
-  compare(state, {server, "anonymous", nullptr, "1GiB.bin", folder + std::string("/1GiB.bin"),
+  compare(state, {server, "anonymous", nullptr, 1, "1GiB.bin", folder + std::string("/1GiB.bin"),
                   "in/1GiB.bin", 1024 * kMiB});
 }
 BENCHMARK_CAPTURE(Ftp1GiB, Download, CompareDownload<KdCURL::KdFTPReq>)
@@ -241,8 +245,8 @@ void Sftp256MiB(benchmark::State& state, Comparison compare) {
   if (server == nullptr || user == nullptr || key == nullptr || folder == nullptr) return;
   // The slash that ends the server is the first one of the path.
   const std::string file = std::string(folder + 1) + "/256MiB.bin";
-  compare(state,
-          {server, user, key, file, folder + std::string("/256MiB.bin"), file + ".in", 256 * kMiB});
+  compare(state, {server, user, key, 0, file, folder + std::string("/256MiB.bin"), file + ".in",
+                  256 * kMiB});
 }
 BENCHMARK_CAPTURE(Sftp256MiB, Download, CompareDownload<KdCURL::KdSFTPReq>)
     ->Unit(benchmark::kMillisecond)
