@@ -6,6 +6,7 @@
 #include <boost/smart_ptr/make_shared.hpp>
 #include <cstdarg>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "ZuUtils/FXString.h"
@@ -68,6 +69,18 @@ CZuError MakeError(int code, const FXCodeLocation& where, std::string message) {
   return CZuError(code, boost::make_shared<MessageItem>(where, std::move(message)));
 }
 
+// The number in the lower half. A resolver's code, which is negative, came through the maker for
+// errno values and lost its upper half there.
+void AppendNumber(std::uint32_t code, const char* kind, std::string& text) {
+  const auto number = static_cast<std::int16_t>(code & kNumberMask);
+  if ((code & ~kNumberMask) == kFacilityErrNo && number < 0) {
+    text.append(" (resolver ").append(std::to_string(number)).append(1, ')');
+  } else {
+    text.append(" (").append(kind).append(1, ' ');
+    text.append(std::to_string(code & kNumberMask)).append(1, ')');
+  }
+}
+
 // "0x80070306 (system 774)"
 void AppendCode(std::uint32_t code, std::string& text) {
   constexpr int kLastNibble = 28;
@@ -76,9 +89,7 @@ void AppendCode(std::uint32_t code, std::string& text) {
     text += "0123456789ABCDEF"[code >> shift & 15];
   if (static_cast<std::int32_t>(code) >= 0) text += " (success)";
   for (const auto& [facility, kind] : kKinds) {
-    if ((code & ~kNumberMask) != facility) continue;
-    text.append(" (").append(kind).append(1, ' ');
-    text.append(std::to_string(code & kNumberMask)).append(1, ')');
+    if ((code & ~kNumberMask) == facility) AppendNumber(code, kind, text);
   }
 }
 
@@ -106,6 +117,17 @@ const FXCodeLocation& FXErrorItem::GetLocation() const { return m_location; }
 
 boost::shared_ptr<FXErrorItem> FXErrorItem::Copy() const {
   return boost::make_shared<FXErrorItem>(*this);
+}
+
+std::string FXErrorItem::Message() const {
+  std::string text = AsString();
+  const std::string place = FXErrorItem::AsString();
+  if (text.compare(0, place.size(), place) != 0) return text;
+  text.erase(0, place.size());
+  for (const std::string_view separator : {", ", "/", " "}) {
+    if (text.compare(0, separator.size(), separator) == 0) return text.substr(separator.size());
+  }
+  return text;
 }
 
 struct CZuError::Private {
@@ -149,6 +171,24 @@ std::string CZuError::AsString() const {
     for (const auto& item : m_ptrPrivate->items) text.append("\n  ").append(item->AsString());
   }
   return text;
+}
+
+std::string CZuError::Message() const {
+  std::string text;
+  if (!Failed(*this)) return text;
+  if (m_ptrPrivate) {
+    for (const auto& item : m_ptrPrivate->items) {
+      text = item->Message();
+      if (!text.empty()) return text;
+    }
+  }
+  AppendCode(static_cast<std::uint32_t>(m_hrErrorCode), text);
+  return text;
+}
+
+std::vector<boost::shared_ptr<const FXErrorItem>> CZuError::GetItems() const {
+  if (!m_ptrPrivate) return {};
+  return {m_ptrPrivate->items.begin(), m_ptrPrivate->items.end()};
 }
 
 namespace FXErrorUtil {

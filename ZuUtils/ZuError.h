@@ -3,6 +3,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "ZuUtils/ZuUtilsExport.h"
 
@@ -40,6 +41,11 @@ class ZUUTILS_API FXErrorItem {
   virtual const FXCodeLocation& GetLocation() const;
   virtual boost::shared_ptr<FXErrorItem> Copy() const;
 
+  // What the item says without its place: the part that AsString of the derived class adds, without
+  // the separator in front (", ", "/" or a blank). Empty for an item that is a place alone; the
+  // whole of AsString where a derived class does not begin with the place.
+  std::string Message() const;
+
  private:
   FXCodeLocation m_location;
 };
@@ -63,6 +69,13 @@ class [[nodiscard]] ZUUTILS_API CZuError {
 
   // For people: the code in hexadecimal and its kind, then one line an item, innermost first.
   std::string AsString() const;
+
+  // For people, without file and function: the message of the innermost item that has one. Of a
+  // failure without any message it is the code as AsString shows it; of a success it is empty.
+  std::string Message() const;
+
+  // For programs: the items, innermost first. They may be kept longer than the error.
+  std::vector<boost::shared_ptr<const FXErrorItem>> GetItems() const;
 
   std::int32_t m_hrErrorCode = 0;  // 0 is success, a negative value a failure
 

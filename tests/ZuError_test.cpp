@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <boost/smart_ptr/make_shared.hpp>
 #include <cerrno>
 #include <climits>
 #include <clocale>
@@ -258,6 +259,10 @@ TEST(ZuError, FirstLineTellsTheCodeAndItsKind) {
     const char* line;
   } rows[] = {
       {FXErrorUtil::ErrorErrNo(kInner, ENOENT), "0xE0010002 (errno 2)"},
+      {FXErrorUtil::ErrorErrNo(kInner, EAI_NONAME), "0xE001FFFE (resolver -2)"},
+      {FXErrorUtil::ErrorErrNo(kInner, EAI_OVERFLOW), "0xE001FFF4 (resolver -12)"},
+      {FXErrorUtil::ErrorErrNo(kInner, 0x7FFF), "0xE0017FFF (errno 32767)"},
+      {FXErrorUtil::ErrorInt(kInner, -2, "m"), "0xE002FFFE (library 65534)"},
       {FXErrorUtil::ErrorWin32(kInner, 774), "0x80070306 (system 774)"},
       {FXErrorUtil::ErrorWin32(kInner, kErrorNameCollision), "0xFFFFFFFE"},
       {FXErrorUtil::ErrorInt(kInner, 101, "m"), "0xE0020065 (library 101)"},
@@ -281,6 +286,86 @@ TEST(ZuError, PushKeepsTheCodeAndReturnsTheSameError) {
             "  Middle.cpp:22, void Middle()\n"
             "  Outer.cpp:33, CZuError Outer(int), file x, line 3\n"
             "  Far.cpp:44, bool Far() [own]");
+}
+
+namespace {
+
+// Items of users whose text does not begin with ", ", or not with their place.
+class TextItem : public FXErrorItem {
+ public:
+  TextItem(const FXCodeLocation& where, std::string text, bool placeFirst)
+      : FXErrorItem(where), m_text(std::move(text)), m_placeFirst(placeFirst) {}
+  std::string AsString() const override {
+    return m_placeFirst ? FXErrorItem::AsString() + m_text : m_text;
+  }
+
+ private:
+  std::string m_text;
+  bool m_placeFirst;
+};
+
+}  // namespace
+
+TEST(FXErrorItem, MessageIsWhatStandsBehindThePlace) {
+  const struct {
+    boost::shared_ptr<FXErrorItem> item;
+    const char* message;
+  } rows[] = {
+      {boost::make_shared<FXErrorItem>(kInner), ""},
+      {boost::make_shared<OwnItem>(kInner), "[own]"},
+      {boost::make_shared<TextItem>(kInner, ", /etc/hosts", true), "/etc/hosts"},
+      {boost::make_shared<TextItem>(kInner, ", , twice", true), ", twice"},
+      {boost::make_shared<TextItem>(kInner, "/Kind.7-said", true), "Kind.7-said"},
+      {boost::make_shared<TextItem>(kInner, ",tight", true), ",tight"},
+      {boost::make_shared<TextItem>(kInner, ", ", true), ""},
+      {boost::make_shared<TextItem>(kInner, "no place, at all", false), "no place, at all"},
+      {boost::make_shared<TextItem>(kInner, "", false), ""},
+  };
+  for (const auto& row : rows) EXPECT_EQ(row.item->Message(), row.message);
+}
+
+TEST(ZuError, MessageIsTheInnermostTextWithoutFileAndFunction) {
+  const auto silent = boost::make_shared<FXErrorItem>(kInner);
+  const struct {
+    CZuError error;
+    std::string message;
+  } rows[] = {
+      {FXErrorUtil::ErrorErrNo(kInner, ENOENT), "No such file or directory"},
+      {FXErrorUtil::ErrorErrNo(kInner, EAI_NONAME, "[%s]", "nope.invalid"),
+       std::string("[nope.invalid]: ") + gai_strerror(EAI_NONAME)},
+      {FXErrorUtil::ErrorWin32(kInner, 774, "Not a valid socket"), "Not a valid socket"},
+      {FXErrorUtil::ErrorWin32(kInner, 774, "first").Push(kOuter, "second"), "first"},
+      {FXErrorUtil::ErrorWin32(kInner, 774).Push(kMiddle).Push(kOuter, "second"), "second"},
+      {FXErrorUtil::ErrorWin32(kInner, 774, "two\nlines"), "two\nlines"},
+      {CZuError(-5, boost::make_shared<OwnItem>(kInner)).Push(kOuter, "second"), "[own]"},
+      // Nothing was said: the code is all there is.
+      {FXErrorUtil::ErrorWin32(kInner, 14).Push(kOuter), "0x8007000E (system 14)"},
+      {CZuError(static_cast<int>(0xE001FFFE), silent), "0xE001FFFE (resolver -2)"},
+      {CZuError(-5, nullptr), "0xFFFFFFFB"},
+      // Whoever asks a success hears nothing, whatever its items.
+      {CZuError(), ""},
+      {CZuError(5, boost::make_shared<OwnItem>(kInner)), ""},
+  };
+  for (const auto& row : rows) EXPECT_EQ(row.error.Message(), row.message) << row.error.AsString();
+}
+
+TEST(ZuError, ItemsAreHandedOutInnermostFirst) {
+  EXPECT_TRUE(CZuError().GetItems().empty());
+  EXPECT_TRUE(CZuError(-5, nullptr).GetItems().empty());
+
+  const auto own = boost::make_shared<OwnItem>(kMiddle);
+  CZuError error = FXErrorUtil::ErrorErrNo(kInner, EIO, "inner");
+  error.Push(own).Push(kOuter, "outer");
+  const std::vector<boost::shared_ptr<const FXErrorItem>> items = error.GetItems();
+  ASSERT_EQ(items.size(), 3u);
+  EXPECT_EQ(items[0]->Message(), "inner: Input/output error");
+  EXPECT_STREQ(items[0]->GetLocation().m_pcszFile, "Inner.cpp");
+  EXPECT_EQ(items[1], own) << "the very item that was pushed";
+  EXPECT_EQ(items[2]->Message(), "outer");
+
+  error = CZuError();
+  EXPECT_EQ(items[2]->GetLocation().m_iLine, 33) << "items outlive the error";
+  EXPECT_EQ(FXErrorUtil::ErrorWin32(kInner, 1).GetItems().at(0)->GetLocation().m_iLine, 11);
 }
 
 TEST(ZuError, ManyPushesKeepTheirOrder) {
