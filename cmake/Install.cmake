@@ -2,10 +2,10 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/ZuNetwork)
 
-install(TARGETS ZuUtils ZuNetwork EXPORT ZuNetworkTargets
+install(TARGETS ZuUtils ZuNetwork zu EXPORT ZuNetworkTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY ZuUtils ZuNetwork DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-        FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ZuUtils ZuNetwork zu DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h" PATTERN internal EXCLUDE)
 install(EXPORT ZuNetworkTargets NAMESPACE ZuNetwork:: DESTINATION ${package_dir})
 if(ZUNETWORK_BUILD_TOOLS)
   install(TARGETS zunet RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -19,5 +19,7 @@ install(FILES ${PROJECT_BINARY_DIR}/ZuNetworkConfig.cmake
 
 file(RELATIVE_PATH prefix_from_pkgconfig ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
      ${CMAKE_INSTALL_PREFIX})
-configure_file(cmake/zunetwork.pc.in zunetwork.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/zunetwork.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(package zunetwork zu)
+  configure_file(cmake/${package}.pc.in ${package}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

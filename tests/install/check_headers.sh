@@ -8,7 +8,7 @@ source=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-(cd "$source" && find ZuUtils ZuNetwork -name '*.h' | sort) >"$work/expected"
+(cd "$source" && find ZuUtils ZuNetwork zu -name '*.h' ! -path '*/internal/*' | sort) >"$work/expected"
 (cd "$prefix/include" && find . -type f -printf '%P\n' | sort) >"$work/installed"
 diff "$work/expected" "$work/installed"
 
