@@ -99,17 +99,17 @@ TEST_F(Zunet, FailedGetLeavesTheGoodFileAndNothingBeside) {
   const struct {
     std::string url;
     const char* text;
-  } cases[] = {{Url("/files/absent"), "Response code from server: [404]"},
-               {Url("/401"), "Response code from server: [401]"},
-               {RawUrl(closing), "transfer 18"},
-               {"http://127.0.0.1:1/file", "transfer 7"}};
+  } cases[] = {{Url("/files/absent"), "the server answered 404; check the path"},
+               {Url("/401"), "the server answered 401; log in with --user"},
+               {RawUrl(closing), "bytes remaining to read; the connection broke off"},
+               {"http://127.0.0.1:1/file", "Failed to connect to 127.0.0.1 port 1"}};
   for (const auto& [url, text] : cases) {
     SCOPED_TRACE(url);
     WriteFile(m_folder / "good", "good");
     const Outcome outcome = RunZunet("get " + url + " -o good");
     EXPECT_EQ(outcome.status, 2);
     EXPECT_THAT(outcome.out, IsEmpty());
-    EXPECT_THAT(outcome.err, AllOf(StartsWith("zunet: 0xEDD0"), HasSubstr(text)));
+    EXPECT_THAT(outcome.err, AllOf(StartsWith("zunet: "), HasSubstr(text)));
     EXPECT_EQ(ReadFile(m_folder / "good"), "good");
     EXPECT_THAT(Files(), testing::ElementsAre("good"));
   }
@@ -147,7 +147,7 @@ TEST_F(Zunet, InterruptedGetLeavesTheGoodFileAndNothingBeside) {
   kill(zunet.Id(), SIGINT);
   ASSERT_TRUE(zunet.WaitForEnd(std::chrono::seconds(10)));
   EXPECT_EQ(zunet.ExitStatus(), 2);
-  EXPECT_THAT(ReadFile(m_folder / "stderr"), HasSubstr("transfer 42"));
+  EXPECT_THAT(ReadFile(m_folder / "stderr"), HasSubstr("Callback aborted"));
   EXPECT_EQ(ReadFile(m_folder / "good"), "good");
   EXPECT_THAT(Files(), testing::ElementsAre("good"));
 }
@@ -249,7 +249,7 @@ TEST_F(Zunet, ServersAreVerifiedUnlessToldOtherwise) {
   const Certificates certificates;
   const NginxServer secure("location / { return 200 secure; }", certificates.RightHost());
   const std::string url = "get https://127.0.0.1:" + std::to_string(secure.Port()) + "/";
-  EXPECT_THAT(RunZunet(url).err, HasSubstr("transfer 60"));
+  EXPECT_THAT(RunZunet(url).err, HasSubstr("--cacert"));
   EXPECT_EQ(RunZunet(url + " --insecure").out, "secure");
   EXPECT_EQ(RunZunet(url + " --cacert " + certificates.Authority().string()).out, "secure");
   EXPECT_EQ(RunZunet(url + " --cacert " + certificates.OtherAuthority().string()).status, 2);
@@ -267,7 +267,7 @@ TEST_F(Zunet, LimitTimeEndsARequestThatGetsNoAnswer) {
   const RawServer silent({[](Peer& peer) { peer.WaitForClose(); }});
   const Outcome outcome = RunZunet("get " + RawUrl(silent) + " --limit-time 1");
   EXPECT_EQ(outcome.status, 2);
-  EXPECT_THAT(outcome.err, HasSubstr("transfer 28"));
+  EXPECT_THAT(outcome.err, HasSubstr("timed out"));
 }
 
 TEST_F(Zunet, WrongUsageIsRefusedWithTheReason) {

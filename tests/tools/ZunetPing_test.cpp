@@ -72,13 +72,9 @@ TEST_F(ZunetPing, SizeAndTimeOutAreTaken) {
 
 TEST_F(ZunetPing, FailuresAreReported) {
   const std::pair<const char*, const char*> failures[] = {
-      {"ping 10.78.0.1 -c 1", "Sending ping request failed"},
-      {"ping absent.invalid", "Get by name \\[absent.invalid\\] failed"},
+      {"ping 10.78.0.1 -c 1", "Failed to ping 10.78.0.1: .*Network is unreachable"},
+      {"ping absent.invalid", "Failed to ping absent.invalid: "},
       {"ping 127.0.53.53", "DNS name collision occured"},
-      {"ping 10.77.0.2 -s 0", "Invalid buffer size \\(0\\)"},
-      {"ping 10.77.0.2 -c 0", "Invalid buffer count \\(0\\)"},
-      {"ping 10.77.0.2 -s 70000 -c 1", "Message too long"},
-      {"ping 10.77.0.2 -s 4294967295 -c 1", "Ping send-buffer allocation failed"},
   };
   for (const auto& [arguments, message] : failures) {
     SCOPED_TRACE(arguments);
@@ -98,11 +94,32 @@ TEST_F(ZunetPing, FailureOnTheWayIsReportedAfterTheSummary) {
   EXPECT_THAT(run.Errors(), HasSubstr("Network is unreachable"));
 }
 
-TEST_F(ZunetPing, WrongUsageIsNeitherOfTheStatuses) {
-  for (const char* const arguments : {"ping", "ping 10.77.0.2 -c x", "ping 10.77.0.2 -s -1"}) {
+TEST_F(ZunetPing, OutputThatFailsEndsTheSeries) {
+  for (const char* const output : {" >/dev/full", " >&-"}) {
+    SCOPED_TRACE(output);
+    const ZunetRun run(folder, "ping", std::string("ping 10.77.0.2 -c 100") + output);
+    EXPECT_EQ(run.Wait(10s), 2);
+    EXPECT_THAT(run.Errors(), HasSubstr("zunet: Failed to write standard output: "));
+  }
+}
+
+TEST_F(ZunetPing, NumbersOutOfRangeAreRefusedInWords) {
+  const std::pair<const char*, const char*> words[] = {
+      {"ping", "HOST is required"},
+      {"ping 10.77.0.2 -c x", "takes 1 to 4294967295 requests, not x"},
+      {"ping 10.77.0.2 -c 0", "takes 1 to 4294967295 requests, not 0"},
+      {"ping 10.77.0.2 -s -1", "takes 1 to 65507 bytes, not -1"},
+      {"ping 10.77.0.2 -s 0", "takes 1 to 65507 bytes, not 0"},
+      {"ping 10.77.0.2 -s 65508", "takes 1 to 65507 bytes, not 65508"},
+      {"ping 10.77.0.2 -s 4294967297", "takes 1 to 65507 bytes, not 4294967297"},
+      {"ping 10.77.0.2 -W 0x1", "takes 0 to 1000000 seconds, not 0x1"},
+  };
+  for (const auto& [arguments, message] : words) {
     SCOPED_TRACE(arguments);
     const ZunetRun run(folder, "ping", arguments);
-    EXPECT_GT(run.Wait(), 2);
+    EXPECT_GT(run.Wait(), 100);
+    EXPECT_THAT(run.Errors(), HasSubstr(message));
+    EXPECT_EQ(run.Output(), "");
   }
 }
 
@@ -110,7 +127,7 @@ TEST_F(ZunetPing, InterruptEndsWithTheSummary) {
   const ZunetRun run(folder, "ping", "ping 10.77.0.2 -c 100");
   EXPECT_THAT(run.WaitForOutput("seq=1"), HasSubstr("seq=1"));
   kill(run.Program().Id(), SIGINT);
-  EXPECT_EQ(run.Wait(10s), 0);
+  EXPECT_EQ(run.Wait(10s), 130);
   EXPECT_THAT(run.Output(), HasSubstr(" sent, "));
   EXPECT_THAT(run.Output(), HasSubstr(" 0% lost\ntime min/avg/max = "));
   EXPECT_THAT(run.Output(), Not(HasSubstr("seq=50")));
@@ -135,21 +152,21 @@ class SilentPeer {
   Responder m_responder;
 };
 
-TEST_F(ZunetPing, InterruptDoesNotWaitForAReply) {
+TEST_F(ZunetPing, SignalDoesNotWaitForAReply) {
   const SilentPeer peer(*network, 1);
   const ZunetRun run(folder, "ping", "ping 10.77.0.2 -c 3 -W 600");
   ASSERT_TRUE(peer.WaitForRequest(2));
-  kill(run.Program().Id(), SIGINT);
-  EXPECT_EQ(run.Wait(10s), 0);
+  kill(run.Program().Id(), SIGTERM);
+  EXPECT_EQ(run.Wait(10s), 143);
   EXPECT_THAT(run.Output(), HasSubstr("\n1 sent, 1 received, 0% lost\n"));
 }
 
-TEST_F(ZunetPing, InterruptBeforeAnyReplyIsNoReply) {
+TEST_F(ZunetPing, HangUpBeforeAnyReplyEndsWithTheSummaryToo) {
   const SilentPeer peer(*network, 0);
   const ZunetRun run(folder, "ping", "ping 10.77.0.2 -W 600");
   ASSERT_TRUE(peer.WaitForRequest(1));
-  kill(run.Program().Id(), SIGINT);
-  EXPECT_EQ(run.Wait(10s), 1);
+  kill(run.Program().Id(), SIGHUP);
+  EXPECT_EQ(run.Wait(10s), 129);
   EXPECT_EQ(run.Output(), "0 sent, 0 received, 0% lost\n");
 }
 

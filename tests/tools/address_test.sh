@@ -28,8 +28,8 @@ test_resolve() {
   expect 0 192.0.2.1 resolve 192.0.2.1
   expect 0 192.0.2.1 resolve --all 192.0.2.1
   expect 0 2001:db8::1 resolve 2001:DB8:0::1
-  expect 2 "CZuIPAddr::GetByName" resolve -6 192.0.2.1
-  expect 2 "CZuIPAddr::GetAllByName" resolve --all -4 ::1
+  expect 2 "Failed to resolve 192.0.2.1: " resolve -6 192.0.2.1
+  expect 2 "Failed to resolve ::1: " resolve --all -4 ::1
   expect 2 "DNS name collision occured" resolve 127.0.53.53
   expect 2 "DNS name collision occured" resolve --all 127.0.53.53
   expect 108 "" resolve -4 -6 localhost
@@ -75,13 +75,14 @@ test_blacklist() {
 # In a network of its own, with names of its own.
 test_private_network() {
   printf '%s\n' "127.0.0.1 localhost" "10.77.0.1 One.Example two.example" "10.77.0.2 one.example" \
-    "2001:db8:0:12::5 six.example one.example" >"$folder/hosts"
+    "2001:db8:0:12::5 six.example one.example" $'10.77.0.3 red\x1b[31m.example' >"$folder/hosts"
   mount --bind "$folder/hosts" /etc/hosts
   expect 0 10.77.0.1 resolve two.example
   expect 0 2001:db8:0:12::5 resolve -6 one.example
   expect 0 $'10.77.0.1\n10.77.0.2' resolve -4 --all one.example
   expect 0 six.example name 2001:db8:0:12::5
-  expect 2 "CZuIPAddr::GetHostName" name 10.77.0.99
+  expect 0 'red\x1b[31m.example' name 10.77.0.3
+  expect 2 "Failed to find the name of 10.77.0.99: " name 10.77.0.99
 
   ip link set lo up
   ip link add va address 02:00:00:00:0a:0b type veth peer name vb
@@ -91,6 +92,28 @@ test_private_network() {
   expect 0 $'02:00:00:00:0A:0B\n02:00:00:00:0A:0B' interfaces --mac
   expect 0 one.example interfaces --names
   expect 108 "" interfaces --mac --names
+  test_unreadable_table
+}
+
+# A device where devices may not be opened stands in for the table of IPv6 addresses.
+test_unreadable_table() {
+  local status=0 listed
+  mkdir "$folder/nodev"
+  mount -t tmpfs -o nodev tmpfs "$folder/nodev"
+  if ! mknod "$folder/nodev/if_inet6" c 1 3 2>/dev/null; then
+    echo "No right to make a device: an unreadable table of IPv6 addresses is not tested"
+    umount "$folder/nodev"
+    return
+  fi
+  # Each process has a folder of its own for the table; the program takes over the one of the shell.
+  listed=$(bash -c 'mount --bind "$1" "/proc/$$/net" && exec "$2" interfaces' bash \
+    "$folder/nodev" "$zunet" 2>"$folder/err") || status=$?
+  if [[ $status != 2 || $listed != *"10.77.0.1 10.77.0.0"* ||
+    $(<"$folder/err") != *"IPv6 addresses are missing here"*"/proc/net/if_inet6"*"Permission denied"* ]]; then
+    printf 'zunet interfaces without the table: %s, %s, %s\n' "$status" "$listed" "$(<"$folder/err")"
+    failures=$((failures + 1))
+  fi
+  umount "$folder/nodev"
 }
 
 if [[ ${2:-} == private ]]; then

@@ -1,10 +1,14 @@
+#include <fcntl.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
+
+#include <cerrno>
 #include <memory>
 #include <string_view>
 
 #include "Commands.h"
+#include "Output.h"
 #include "ZuNetwork/ZuIPAddr.h"
 #include "ZuNetwork/ZuIPAddrBlacklist.h"
 
@@ -26,9 +30,11 @@ struct Arguments {
 // The value of a numeric text; ends the program for anything else.
 CZuIPAddr ParseAddress(const std::string& text) {
   CZuIPAddr address;
-  CZuError error = address.SetAddressString(text.c_str());
-  if (Failed(error)) error.Push(ZU_HERE, "Not an address: [%s]", text.c_str());
-  ExitOnFailure(error);
+  if (Failed(address.SetAddressString(text.c_str()))) {
+    ExitOnFailure(FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Not an address: [%s]",
+                                          text.c_str()),
+                  "for the address of a name there is zunet resolve");
+  }
   return address;
 }
 
@@ -52,7 +58,8 @@ void RequireBlock(const std::string& text) {
   const size_t slash = text.find('/');
   if (slash == std::string::npos || !IsPrefix(std::string_view(text).substr(slash + 1))) {
     ExitOnFailure(FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument,
-                                          "Invalid CIDR block: [%s].", text.c_str()));
+                                          "Invalid CIDR block: [%s].", text.c_str()),
+                  "a block is an IPv4 address, a slash and a number from 0 to 32");
   }
   RequireIPv4(text.substr(0, slash));
 }
@@ -67,27 +74,46 @@ void Resolve(const Arguments& arguments) {
   auto family = CZuIPAddr::FAMILY_ANY;
   if (arguments.onlyIPv4) family = CZuIPAddr::FAMILY_IPV4;
   if (arguments.onlyIPv6) family = CZuIPAddr::FAMILY_IPV6;
-  std::vector<CZuIPAddr> addresses;
-  if (arguments.all) {
-    ExitOnFailure(CZuIPAddr::GetAllByName(arguments.name.c_str(), addresses, family));
-  } else {
-    CZuIPAddr first;
-    ExitOnFailure(CZuIPAddr::GetByName(arguments.name.c_str(), first, family));
-    addresses.push_back(first);
+  std::vector<CZuIPAddr> addresses(arguments.all ? 0 : 1);
+  CZuError error = arguments.all
+                       ? CZuIPAddr::GetAllByName(arguments.name.c_str(), addresses, family)
+                       : CZuIPAddr::GetByName(arguments.name.c_str(), addresses.front(), family);
+  if (Failed(error)) {
+    ExitOnFailure(error.Push(ZU_HERE, "Failed to resolve %s", arguments.name.c_str()));
   }
-  for (const CZuIPAddr& address : addresses) std::puts(TextOf(address).c_str());
+  for (const CZuIPAddr& address : addresses) PrintLine(TextOf(address));
 }
 
 void PrintName(const Arguments& arguments) {
   CZuString name;
-  ExitOnFailure(ParseAddress(arguments.address).GetHostName(name));
-  std::puts(name.c_str());
+  CZuError error = ParseAddress(arguments.address).GetHostName(name);
+  if (Failed(error)) {
+    ExitOnFailure(error.Push(ZU_HERE, "Failed to find the name of %s", arguments.address.c_str()),
+                  "the name service of this machine knows none");
+  }
+  PrintLine(Printable(name.c_str()));
 }
 
 void PrintMacs() {
   std::vector<std::string> macs;
   ExitOnFailure(CZuIPAddr::GetMACList(macs, CZuIPAddr::FAMILY_ANY));
-  for (const std::string& mac : macs) std::puts(mac.c_str());
+  for (const std::string& mac : macs) PrintLine(mac);
+}
+
+// The library takes a table that cannot be opened for a machine without IPv6. Ends the program
+// where addresses are missing for that reason.
+void RequireIPv6Table() {
+  constexpr char kTable[] = "/proc/net/if_inet6";
+  const int table = open(kTable, O_RDONLY | O_CLOEXEC);
+  const int err = errno;
+  if (table != -1) {
+    close(table);
+    return;
+  }
+  bool hasIPv6 = false;
+  if (!Failed(CZuIPAddr::IsIPv6StackPresent(hasIPv6)) && !hasIPv6) return;
+  ExitOnFailure(FXErrorUtil::ErrorErrNo(
+      ZU_HERE, err, "IPv6 addresses are missing here, as %s cannot be read", kTable));
 }
 
 void PrintNames() {
@@ -95,15 +121,18 @@ void PrintNames() {
   GetAllInterfacesRet_t found;
   wanted.getHostnames = true;
   ExitOnFailure(CZuIPAddr::GetAllInterfaces(wanted, found, CZuIPAddr::FAMILY_ANY));
-  for (const std::string& name : found.hostnameList) std::puts(name.c_str());
+  for (const std::string& name : found.hostnameList) PrintLine(Printable(name));
+  RequireIPv6Table();
 }
 
 void PrintAddresses() {
   std::vector<std::pair<CZuIPAddr, CZuIPAddr>> interfaces;
-  ExitOnFailure(CZuIPAddr::GetIFList(interfaces, CZuIPAddr::FAMILY_ANY));
+  const CZuError error = CZuIPAddr::GetIFList(interfaces, CZuIPAddr::FAMILY_ANY);
   for (const auto& [address, network] : interfaces) {
-    std::printf("%s %s\n", TextOf(address).c_str(), TextOf(network).c_str());
+    PrintLine(TextOf(address) + " " + TextOf(network));
   }
+  ExitOnFailure(error);
+  RequireIPv6Table();
 }
 
 void PrintInterfaces(const Arguments& arguments) {
@@ -122,7 +151,7 @@ void CheckBlock(const Arguments& arguments) {
   bool inside = false;
   ExitOnFailure(
       CZuIPAddr::CheckIfIpv4AddressIsWithinCidrBlock(arguments.address, arguments.block, inside));
-  std::puts(inside ? "inside" : "outside");
+  PrintLine(inside ? "inside" : "outside");
   if (!inside) throw CLI::RuntimeError(kExitOutside);
 }
 
@@ -134,7 +163,7 @@ void CheckBlacklist(const Arguments& arguments) {
   bool isAnyListed = false;
   for (const CZuIPAddr& address : addresses) {
     const bool isListed = blacklist.IsAddressBlacklisted(address, nullptr, nullptr);
-    std::printf("%s %s\n", TextOf(address).c_str(), isListed ? "listed" : "not listed");
+    PrintLine(TextOf(address) + (isListed ? " listed" : " not listed"));
     isAnyListed = isAnyListed || isListed;
   }
   if (isAnyListed) throw CLI::RuntimeError(kExitListed);

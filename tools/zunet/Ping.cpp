@@ -1,10 +1,13 @@
 #include "ZuNetwork/ZuPing.h"
 
-#include <signal.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -12,13 +15,19 @@
 #include <thread>
 
 #include "Commands.h"
+#include "Output.h"
+#include "Signals.h"
+#include "ZuUtils/FXString.h"
 
 namespace {
 
 constexpr int kExitNoReply = 1;
 
-// Raised by the series when it is over; nobody else sends it.
-constexpr int kSeriesEnded = SIGUSR1;
+constexpr char kPrivilege[] =
+    "raw sockets take root, or: setcap cap_net_raw+ep on the program's file";
+
+constexpr int kLargestData = 65'535 - 20 - 8;  // of an IPv4 packet, without its header and ICMP's
+constexpr int kLongestWait = 1'000'000;
 
 struct Arguments {
   std::string host;
@@ -47,42 +56,53 @@ class Report : public CZuPingCallback {
                       bool /*lastPacket*/) override {
     const std::lock_guard lock(m_mutex);
     ++m_sent;
-    if (response.currentPingState == ZUPING_STATE_SUCCESS) {
-      AddReply(response);
-    } else {
-      std::printf("%s from %s: seq=%u\n", Describe(response.currentPingState),
-                  response.serverIP.c_str(), response.currentPingSequenceNumber);
-    }
-    std::fflush(stdout);
-    return true;
+    const bool isReply = response.currentPingState == ZUPING_STATE_SUCCESS;
+    const std::string line = isReply ? AddReply(response) : LineOfFailure(response);
+    // Told by the main thread: on this one nothing may be thrown through the library.
+    const bool isPrinted = std::fputs(line.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+    if (!isPrinted) m_printError = errno;
+    return isPrinted;
   }
 
   void OnPingLog(const char* /*message*/) override {}  // the lines say as much
 
   // While the series still runs: it prints nothing more, and nothing may be torn down under it.
-  [[noreturn]] void EndProgram() {
+  [[noreturn]] void EndProgram(int status) {
     m_mutex.lock();
-    PrintSummary();
-    std::_Exit(ExitStatus());
+    try {
+      PrintSummary();
+    } catch (const CLI::RuntimeError& unwritten) {
+      status = unwritten.get_exit_code();
+    }
+    std::_Exit(status);
   }
 
   // The rest is for when the series is over.
 
   void PrintSummary() const {
-    const double lost = m_sent == 0 ? 0.0 : 100.0 * (m_sent - m_received) / m_sent;
-    std::printf("%u sent, %u received, %.4g%% lost\n", m_sent, m_received, lost);
-    if (m_received > 0) {
-      std::printf("time min/avg/max = %" PRId64 "/%.3f/%" PRId64 " ms\n", m_shortest,
-                  static_cast<double>(m_total) / m_received, m_longest);
+    if (m_printError != 0) {
+      errno = m_printError;
+      ExitOnUnwritten();
     }
-    std::fflush(stdout);
+    const double lost = m_sent == 0 ? 0.0 : 100.0 * (m_sent - m_received) / m_sent;
+    Print(FXString::Format("%u sent, %u received, %.4g%% lost\n", m_sent, m_received, lost));
+    if (m_received > 0) {
+      Print(FXString::Format("time min/avg/max = %" PRId64 "/%.3f/%" PRId64 " ms\n", m_shortest,
+                             static_cast<double>(m_total) / m_received, m_longest));
+    }
+    FlushOutput();
   }
 
   bool HasSent() const { return m_sent > 0; }
   int ExitStatus() const { return m_received > 0 ? EXIT_SUCCESS : kExitNoReply; }
 
  private:
-  void AddReply(const ZuPingResponse& response) {
+  static std::string LineOfFailure(const ZuPingResponse& response) {
+    return FXString::Format("%s from %s: seq=%u\n", Describe(response.currentPingState),
+                            response.serverIP.c_str(), response.currentPingSequenceNumber);
+  }
+
+  std::string AddReply(const ZuPingResponse& response) {
     // Below zero when the clock was set back.
     const auto time =
         std::max<std::int64_t>(0, static_cast<std::int64_t>(response.currentPingtimeMS));
@@ -90,8 +110,9 @@ class Report : public CZuPingCallback {
     m_longest = std::max(m_longest, time);
     m_total += time;
     ++m_received;
-    std::printf("%u bytes from %s: seq=%u ttl=%u time=%" PRId64 " ms\n", response.sizeSent,
-                response.serverIP.c_str(), response.currentPingSequenceNumber, response.ttl, time);
+    return FXString::Format("%u bytes from %s: seq=%u ttl=%u time=%" PRId64 " ms\n",
+                            response.sizeSent, response.serverIP.c_str(),
+                            response.currentPingSequenceNumber, response.ttl, time);
   }
 
   std::mutex m_mutex;
@@ -100,16 +121,22 @@ class Report : public CZuPingCallback {
   std::int64_t m_shortest = 0;
   std::int64_t m_longest = 0;
   std::int64_t m_total = 0;
+  int m_printError = 0;
 };
 
-// The series has a thread of its own, so that Ctrl-C need not wait for a sleep or a reply.
-void Run(const Arguments& arguments) {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, kSeriesEnded);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+// Until a signal comes or the descriptor is readable, of which the latter counts.
+bool WaitForEnd(int ended) {
+  pollfd events[] = {{ended, POLLIN, 0}, {SignalDescriptor(), POLLIN, 0}};
+  while (poll(events, std::size(events), -1) < 0 && errno == EINTR) {
+  }
+  return events[0].revents != 0;
+}
 
+// The series has a thread of its own, so that a signal need not wait for a sleep or a reply.
+void Run(const Arguments& arguments) {
+  NoteSignals();
+  const int ended = eventfd(0, EFD_CLOEXEC);
+  if (ended == -1) ExitOnFailure(FXErrorUtil::ErrorErrNo(ZU_HERE, errno, "No event counter"));
   Report report;
   CZuError error;
   std::thread series([&] {
@@ -117,14 +144,14 @@ void Run(const Arguments& arguments) {
     ZuPingResult result;
     error = ping.ping(arguments.host.c_str(), arguments.size, arguments.count, arguments.limitSecs,
                       nullptr, &report, result, false);
-    kill(getpid(), kSeriesEnded);
+    eventfd_write(ended, 1);
   });
-  int signal = 0;
-  sigwait(&signals, &signal);
-  if (signal == SIGINT) report.EndProgram();
+  if (!WaitForEnd(ended)) report.EndProgram(kSignalStatus + NotedSignal());
   series.join();
+  close(ended);
   if (!Failed(error) || report.HasSent()) report.PrintSummary();
-  ExitOnFailure(error);
+  if (Failed(error)) error.Push(ZU_HERE, "Failed to ping %s", arguments.host.c_str());
+  ExitOnFailure(error, FXErrorUtil::IsErrNo(error, EPERM) ? kPrivilege : nullptr);
   if (report.ExitStatus() != EXIT_SUCCESS) throw CLI::RuntimeError(report.ExitStatus());
 }
 
@@ -135,11 +162,16 @@ void AddPingCommands(CLI::App& app) {
   CLI::App* const command = app.add_subcommand(
       "ping", "Send ICMP echo requests, one a second (needs the privilege for raw sockets)");
   command->add_option("HOST", arguments->host)->required();
-  command->add_option("-c,--count", arguments->count, "Requests to send")->capture_default_str();
-  command->add_option("-s,--size", arguments->size, "Bytes of data in each")->capture_default_str();
+  command->add_option("-c,--count", arguments->count, "Requests to send")
+      ->capture_default_str()
+      ->check(WholeNumber(1, UINT_MAX, " requests"));
+  command->add_option("-s,--size", arguments->size, "Bytes of data in each")
+      ->capture_default_str()
+      ->check(WholeNumber(1, kLargestData, " bytes"));
   command
       ->add_option("-W,--timeout", arguments->limitSecs,
                    "Seconds to wait for each reply; 0 for no limit")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->check(WholeNumber(0, kLongestWait, " seconds"));
   command->callback([arguments] { Run(*arguments); });
 }

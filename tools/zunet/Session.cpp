@@ -140,8 +140,8 @@ void Session::ShowProgress() { m_hasBar = isatty(STDERR_FILENO) == 1; }
 
 // Bodies and secrets stay out of the trace.
 int Session::Trace(void* /*handle*/, void* infoType, char* data, unsigned long size,
-                   void* instance) {
-  if (!static_cast<const Session*>(instance)->m_options.isVerbose) return 0;
+                   void* /*instance*/) {
+  if (!gIsVerbose) return 0;
   const auto type = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(infoType));
   const char* prefix = nullptr;
   if (type == CURLINFO_TEXT) prefix = "* ";

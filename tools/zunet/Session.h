@@ -18,7 +18,6 @@ struct SessionOptions {
   bool isInsecure = false;
   bool isActive = false;
   bool isTls = false;
-  bool isVerbose = false;
 };
 
 // "left<separator>right"; without a separator all of it is left.

@@ -1,6 +1,6 @@
-#include <fcntl.h>
 #include <limits.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,6 +14,8 @@
 #include <memory>
 
 #include "Commands.h"
+#include "Output.h"
+#include "Signals.h"
 #include "ZuNetwork/ZuIPAddrBlacklist.h"
 #include "ZuNetwork/ZuSocketSelector.h"
 
@@ -23,6 +25,8 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kBacklog = 5;
+constexpr int kLargestPort = 65'535;
+constexpr long kMicroseconds = 1'000'000;  // in a second
 
 // What was read and is not written yet. It is filled again when all of it is gone.
 class Buffer {
@@ -57,11 +61,13 @@ int OutputPortion() {
 // Carries standard input to a connected socket and the socket to standard output, both at a time.
 // The end of the input closes the socket for sending; the peer's end is waited for, and as it may
 // still listen, so is the end of the input. When the connection fails, what has arrived is printed.
+// A signal ends it at once, but for what has arrived and can be printed without waiting.
 class Exchange {
  public:
   explicit Exchange(const CZuSocket& socket) : m_socket(socket), m_outputPortion(OutputPortion()) {
     m_input.AttachConnectedSocket(STDIN_FILENO);
     m_output.AttachConnectedSocket(STDOUT_FILENO);
+    m_signals.AttachConnectedSocket(SignalDescriptor());
   }
 
   CZuError Run() {
@@ -69,6 +75,7 @@ class Exchange {
     while (!Failed(error) && !IsOver()) {
       Register();
       error = m_selector.Select(nullptr, nullptr);
+      if (NotedSignal() != 0) return PrintRest();
       if (FXErrorUtil::IsErrNo(error, EINTR)) {
         error = CZuError();
       } else if (!Failed(error)) {
@@ -90,6 +97,7 @@ class Exchange {
   // Each buffer is either filled or emptied; sides that could do neither are not waited for.
   void Register() {
     m_selector.ClearAll();
+    m_selector.SetReadSocket(m_signals);
     if (!IsSendingOver()) {
       if (m_toPeer.IsEmpty()) {
         m_selector.SetReadSocket(m_input);
@@ -153,6 +161,15 @@ class Exchange {
     return {};
   }
 
+  CZuError PrintRest() {
+    CZuError error;
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    while (!Failed(error) && !m_fromPeer.IsEmpty() && poll(&output, 1, 0) == 1) {
+      error = WriteOutput();
+    }
+    return error;
+  }
+
   static CZuError UnlessAgain(const FXCodeLocation& where, const char* message) {
     if (errno == EAGAIN || errno == EINTR) return {};
     return FXErrorUtil::ErrorErrNo(where, errno, "%s", message);
@@ -161,6 +178,7 @@ class Exchange {
   CZuSocket m_socket;
   CZuSocket m_input;
   CZuSocket m_output;
+  CZuSocket m_signals;
   CZuSocketSelector m_selector;
   Buffer m_toPeer;
   Buffer m_fromPeer;
@@ -228,7 +246,7 @@ CZuIPAddr WithoutMapping(const CZuIPAddr& address) {
   return plain;
 }
 
-// Waits for a peer that is not blacklisted; the others are turned away.
+// Waits for a peer that is not blacklisted; the others are turned away. A signal ends the program.
 class Door {
  public:
   // 0 seconds are no limit.
@@ -236,17 +254,22 @@ class Door {
       : m_listener(listener),
         m_blacklist(blacklist),
         m_limitSecs(limitSecs),
-        m_end(Clock::now() + std::chrono::seconds(limitSecs)) {}
+        m_end(Clock::now() + std::chrono::seconds(limitSecs)) {
+    m_signals.AttachConnectedSocket(SignalDescriptor());
+    m_selector.SetReadSocket(m_signals);
+    m_selector.SetReadSocket(m_listener);
+  }
 
   CZuError Wait(CZuSocket& peer) {
-    // With a limit the wait is the selector's: a client that leaves before it is accepted must not
-    // make the accept wait.
-    CZuError error = m_limitSecs > 0 ? m_listener.SetToNonBlocking() : CZuError();
+    // A client that leaves before it is accepted must not make the accept wait.
+    CZuError error = m_listener.SetToNonBlocking();
     while (!Failed(error)) {
-      error = AcceptOne(peer);
+      error = AwaitClient();
+      ExitOnSignal();
+      if (!Failed(error)) error = m_listener.Accept(peer);
       if (!Failed(error) && IsWelcome(peer.GetAddress())) return {};
-      if (FXErrorUtil::IsErrNo(error, EAGAIN) || FXErrorUtil::IsErrNo(error, ECONNABORTED)) {
-        error = CZuError();
+      for (const int passing : {EAGAIN, ECONNABORTED, EINTR}) {
+        if (FXErrorUtil::IsErrNo(error, passing)) error = CZuError();
       }
       if (!Failed(error)) peer.Close();
     }
@@ -254,15 +277,16 @@ class Door {
   }
 
  private:
-  CZuError AcceptOne(CZuSocket& peer) {
-    int timedOut = 0;
-    if (m_limitSecs < 1) return m_listener.AcceptWithTimeout(peer, 0, &timedOut);
-    const auto left = std::chrono::ceil<std::chrono::seconds>(m_end - Clock::now());
-    if (left > 0s) {
-      return m_listener.AcceptWithTimeout(peer, static_cast<int>(left.count()), &timedOut);
-    }
-    return FXErrorUtil::ErrorErrNo(ZU_HERE, ETIME, "nobody but blacklisted peers within %d s",
-                                   m_limitSecs);
+  CZuError AwaitClient() {
+    if (m_limitSecs < 1) return m_selector.Select(nullptr, nullptr);
+    const auto left = std::chrono::ceil<std::chrono::microseconds>(m_end - Clock::now()).count();
+    const timeval wait{left / kMicroseconds, left % kMicroseconds};
+    bool isTimedOut = left <= 0;
+    CZuError error;
+    if (!isTimedOut) error = m_selector.Select(&wait, &isTimedOut);
+    if (Failed(error) || !isTimedOut) return error;
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "nobody%s came within %d s",
+                                   m_hasRefused ? " but blacklisted peers" : "", m_limitSecs);
   }
 
   bool IsWelcome(const CZuIPAddr& mapped) {
@@ -272,11 +296,15 @@ class Door {
     (void)address.GetAddressString(text);  // without a text the line says less
     std::fprintf(stderr, "zunet: %s %s\n", isWelcome ? "connected with" : "refused blacklisted",
                  text.c_str());
+    m_hasRefused = m_hasRefused || !isWelcome;
     return isWelcome;
   }
 
   CZuSocket m_listener;
+  CZuSocket m_signals;
+  CZuSocketSelector m_selector;
   CZuIPAddrBlacklist& m_blacklist;
+  bool m_hasRefused = false;
   int m_limitSecs;
   Clock::time_point m_end;
 };
@@ -290,34 +318,24 @@ struct Arguments {
   std::string blacklist;
 };
 
-// A socket must not get the descriptor of a standard stream that the shell closed.
-void FillStandardStreams() {
-  int descriptor = open("/dev/null", O_RDWR);
-  while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = dup(descriptor);
-  if (descriptor >= 0) close(descriptor);
-}
-
-void Prepare() {
-  FillStandardStreams();
-  signal(SIGPIPE, SIG_IGN);  // an output that nobody reads any more is a failed write
-}
-
 void ExchangeWith(CZuSocket& socket) {
+  signal(SIGPIPE, SIG_IGN);  // an output that nobody reads any more is a failed write
   const auto exchange = std::make_unique<Exchange>(socket);
   const CZuError error = exchange->Run();
   socket.Close();
   ExitOnFailure(error);
+  ExitOnSignal();
 }
 
 void RunConnect(const Arguments& arguments) {
-  Prepare();
   CZuSocket socket;
   ExitOnFailure(Connect(arguments.host, arguments.port, socket));
+  NoteSignals();  // until here one has nothing to tidy and ends the program as usual
   ExchangeWith(socket);
 }
 
 void RunListen(const Arguments& arguments) {
-  Prepare();
+  NoteSignals();
   CZuIPAddrBlacklist blacklist;
   if (!arguments.blacklist.empty()) {
     ExitOnFailure(blacklist.LoadBlacklistFromFile(arguments.blacklist.c_str()));
@@ -340,9 +358,9 @@ void AddStreamCommands(CLI::App& app) {
       "listen", "Wait for a TCP peer; send it standard input and print what it sends");
   command->add_option("PORT", arguments->port, "0 for one that is free")
       ->required()
-      ->check(CLI::Range(0, 65535));
+      ->check(WholeNumber(0, kLargestPort, ""));
   command->add_option("--timeout", arguments->limitSecs, "Wait for the peer so many seconds")
-      ->check(CLI::Range(1, 1'000'000));
+      ->check(WholeNumber(1, 1'000'000, " seconds"));
   command->add_option("--blacklist", arguments->blacklist,
                       "Refuse the hosts in this file, one name or address a line");
   command->callback([arguments] { RunListen(*arguments); });
@@ -350,6 +368,6 @@ void AddStreamCommands(CLI::App& app) {
   command = app.add_subcommand(
       "connect", "Connect to a TCP peer; send it standard input and print what it sends");
   command->add_option("HOST", arguments->host)->required();
-  command->add_option("PORT", arguments->port)->required()->check(CLI::Range(1, 65535));
+  command->add_option("PORT", arguments->port)->required()->check(WholeNumber(1, kLargestPort, ""));
   command->callback([arguments] { RunConnect(*arguments); });
 }

@@ -15,6 +15,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr int kLongestLimit = 2'000'000;  // what libcurl can count in milliseconds, about
+
 struct Arguments {
   SessionOptions session;
   std::string url;
@@ -255,10 +257,10 @@ CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& 
   command->add_flag("--tls", session.isTls, "Require TLS on the control connection (FTP)");
   command->add_flag("--active", session.isActive, "Let the server connect back (FTP)");
   command->add_option("--limit-time", session.limitSecs, "Give up after so many seconds")
-      ->check(CLI::PositiveNumber);
+      ->check(WholeNumber(1, kLongestLimit, " seconds"));
   command->add_option("-H,--header", session.headers, "Send the header \"Name: value\" (HTTP)")
       ->allow_extra_args(false);
-  command->add_flag("-v,--verbose", session.isVerbose, "Trace the exchange on standard error");
+  command->add_flag("-v,--verbose", gIsVerbose, "Trace the exchange on standard error");
   command->callback([arguments, run] { run(*arguments); });
   return command;
 }
