@@ -1,15 +1,12 @@
-// The blacklist beside a hash set of address bytes, and beside
-// the resolver's calls with such a set.
+// The blacklist beside a hash set of addresses, and beside the resolver's calls with such a set.
 
 #include <arpa/inet.h>
 #include <netdb.h>
 
-#include <algorithm>
-#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
@@ -19,60 +16,134 @@
 
 namespace {
 
-CZuIPAddr Address(std::uint32_t number) {
+// Each address once, scattered over all; the same in the byte order of the network.
+std::uint32_t Scattered(std::uint32_t number) { return number * 2654435761u; }
+
+CZuIPAddr Address(std::uint32_t word) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_addr.s_addr = number * 2654435761u;  // each once, scattered
+  address.sin_addr.s_addr = word;
   return address;
 }
 
-// Room for either family, IPv4 as a mapped address.
-using Bytes = std::array<unsigned char, 16>;
+std::uint32_t& WordOf(CZuIPAddr& address) { return address.m_Addr.addr.v4.sin_addr.s_addr; }
 
-Bytes BytesOf(const CZuIPAddr& address) {
-  const auto& views = address.m_Addr.addr;
-  Bytes bytes{};
-  if (views.f.family == AF_INET6) {
-    std::memcpy(bytes.data(), &views.v6.sin6_addr, bytes.size());
-  } else {
-    bytes[10] = bytes[11] = 0xFF;
-    std::memcpy(bytes.data() + 12, &views.v4.sin_addr, 4);
+// Numbers below `count`, a power of two, in an order that no cache foresees; every one in its turn.
+class Numbers {
+ public:
+  explicit Numbers(std::uint32_t count) : m_mask(count - 1) {}
+
+  std::uint32_t Next() { return m_last = (m_last * 1664525u + 1013904223u) & m_mask; }
+
+ private:
+  std::uint32_t m_mask;
+  std::uint32_t m_last = 0;
+};
+
+// Asked for what it holds; the questions are made on the way, for they would fill the caches.
+void Hit(benchmark::State& state, std::uint32_t count, double limit) {
+  CZuIPAddrBlacklist blacklist;
+  std::unordered_set<std::uint32_t> plain;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (Failed(blacklist.AddAddressToBlacklist(Address(Scattered(i))))) std::abort();
+    plain.insert(Scattered(i));
   }
-  return bytes;
+  Compare(state, Ratio(limit),
+          Call("IsAddressBlacklisted",
+               [&, numbers = Numbers(count), question = Address(0)]() mutable {
+                 WordOf(question) = Scattered(numbers.Next());
+                 if (!blacklist.IsAddressBlacklisted(question, nullptr, nullptr)) std::abort();
+               }),
+          Call("std::unordered_set of words",
+               [&, numbers = Numbers(count), question = Address(0)]() mutable {
+                 WordOf(question) = Scattered(numbers.Next());
+                 if (plain.count(WordOf(question)) == 0) std::abort();
+               }));
+}
+ROW_OF(Hit, "Blacklist/HitAmong1024", 1u << 10, 1.3);
+ROW_OF(Hit, "Blacklist/HitAmong131072", 1u << 17, 1.5);
+ROW_OF(Hit, "Blacklist/HitAmong1048576", 1u << 20, 1.1);
+
+CZuIPAddr Address6(std::uint64_t high, std::uint64_t low) {
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  std::memcpy(address.sin6_addr.s6_addr, &high, sizeof high);
+  std::memcpy(address.sin6_addr.s6_addr + 8, &low, sizeof low);
+  return address;
 }
 
-struct Hash {
-  size_t operator()(const Bytes& bytes) const {
-    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    return std::hash<std::string_view>()(text);
+std::string_view BytesOf(const CZuIPAddr& address) {
+  const in6_addr& bytes = address.m_Addr.addr.v6.sin6_addr;
+  return {reinterpret_cast<const char*>(bytes.s6_addr), sizeof bytes};
+}
+
+struct SameBytes {
+  bool operator()(const CZuIPAddr& a, const CZuIPAddr& b) const { return BytesOf(a) == BytesOf(b); }
+};
+struct HashOfBytes {
+  size_t operator()(const CZuIPAddr& address) const {
+    return std::hash<std::string_view>()(BytesOf(address));
   }
 };
 
-// Every entry and as many strangers, in random order.
-void Check(benchmark::State& state) {
-  const auto count = static_cast<std::uint32_t>(state.range(0));
+void HitIPv6(benchmark::State& state) {
+  constexpr std::uint32_t kCount = 1u << 17;
   CZuIPAddrBlacklist blacklist;
-  std::unordered_set<Bytes, Hash> plain;
-  std::vector<CZuIPAddr> asked;
-  for (std::uint32_t i = 0; i < 2 * count; ++i) {
-    const CZuIPAddr address = Address(i);
-    asked.push_back(address);
-    if (i % 2 == 0) continue;
-    if (Failed(blacklist.AddAddressToBlacklist(address))) std::abort();
-    plain.insert(BytesOf(address));
-  }
-  std::shuffle(asked.begin(), asked.end(), std::mt19937(1));
-  size_t next = 0;
-  const auto ask = [&]() -> const CZuIPAddr& {
-    next = next + 1 == asked.size() ? 0 : next + 1;
-    return asked[next];
+  std::unordered_set<CZuIPAddr, HashOfBytes, SameBytes> plain;
+  const auto address = [](std::uint32_t number) {
+    return Address6(0x1200000DB8012000u, std::uint64_t{Scattered(number)} << 20);
   };
-  Compare(
-      state, "1.5", 1000,
-      [&] { benchmark::DoNotOptimize(blacklist.IsAddressBlacklisted(ask(), nullptr, nullptr)); },
-      [&] { benchmark::DoNotOptimize(plain.count(BytesOf(ask())) != 0); });
+  for (std::uint32_t i = 0; i < kCount; ++i) {
+    if (Failed(blacklist.AddAddressToBlacklist(address(i)))) std::abort();
+    plain.insert(address(i));
+  }
+  Compare(state, NoLimit(),
+          Call("IsAddressBlacklisted",
+               [&, numbers = Numbers(kCount)]() mutable {
+                 if (!blacklist.IsAddressBlacklisted(address(numbers.Next()), nullptr, nullptr)) {
+                   std::abort();
+                 }
+               }),
+          Call("std::unordered_set of addresses", [&, numbers = Numbers(kCount)]() mutable {
+            if (plain.count(address(numbers.Next())) == 0) std::abort();
+          }));
 }
-BENCHMARK(Check)->Arg(1000)->Arg(100000)->Arg(1000000)->MinTime(2);
+ROW(HitIPv6, "Blacklist/HitIPv6Among131072");
+
+// Addresses that an unkeyed hash, the standard library's, would put into a few places.
+std::vector<std::uint32_t> ChosenWords(size_t count) {
+  constexpr size_t kLowBits = (1u << 13) - 1;
+  std::vector<std::uint32_t> words;
+  for (std::uint32_t word = 1; words.size() < count; ++word) {
+    const std::string_view bytes(reinterpret_cast<const char*>(&word), sizeof word);
+    if ((std::hash<std::string_view>()(bytes) & kLowBits) == 0) words.push_back(word);
+  }
+  return words;
+}
+
+std::vector<std::uint32_t> RandomWords(size_t count) {
+  std::vector<std::uint32_t> words;
+  for (std::uint32_t i = 0; i < count; ++i) words.push_back(Scattered(i));
+  return words;
+}
+
+void Fill(const std::vector<std::uint32_t>& words) {
+  CZuIPAddrBlacklist blacklist;
+  for (const std::uint32_t word : words) {
+    const CZuIPAddr address = Address(word);
+    if (Failed(blacklist.AddAddressToBlacklist(address))) std::abort();
+    if (!blacklist.IsAddressBlacklisted(address, nullptr, nullptr)) std::abort();
+  }
+}
+
+void Flood(benchmark::State& state) {
+  constexpr size_t kCount = 50'000;
+  const std::vector<std::uint32_t> chosen = ChosenWords(kCount);
+  const std::vector<std::uint32_t> random = RandomWords(kCount);
+  Compare(state, Ratio(3.0), Call("50,000 chosen addresses added and found", [&] { Fill(chosen); }),
+          Call("50,000 random ones", [&] { Fill(random); }));
+}
+ROW(Flood, "Blacklist/Flood");
 
 // A file with so many numeric addresses, one on a line.
 class File {
@@ -83,7 +154,7 @@ class File {
     if (file == nullptr) std::abort();
     for (std::uint32_t i = 0; i < lines; ++i) {
       CZuString text;
-      if (Failed(Address(i).GetAddressString(text))) std::abort();
+      if (Failed(Address(Scattered(i)).GetAddressString(text))) std::abort();
       std::fprintf(file, "%s\n", text.c_str());
     }
     if (std::fclose(file) != 0) std::abort();
@@ -98,7 +169,7 @@ class File {
 void LoadPlain(const char* path) {
   FILE* const file = std::fopen(path, "r");
   if (file == nullptr) std::abort();
-  std::unordered_set<Bytes, Hash> addresses;
+  std::unordered_set<std::uint32_t> addresses;
   char line[1024];
   addrinfo hints{};
   hints.ai_flags = AI_CANONNAME;
@@ -109,26 +180,25 @@ void LoadPlain(const char* path) {
     addrinfo* list = nullptr;
     if (getaddrinfo(line, nullptr, &hints, &list) != 0) std::abort();
     for (const addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
-      sockaddr_in6 address;
-      std::memcpy(&address, entry->ai_addr, entry->ai_addrlen);
-      addresses.insert(BytesOf(address));
+      addresses.insert(reinterpret_cast<const sockaddr_in*>(entry->ai_addr)->sin_addr.s_addr);
     }
     freeaddrinfo(list);
   }
   std::fclose(file);
+  benchmark::DoNotOptimize(addresses.size());
 }
 
-// The floor resolves each line and keeps the bytes, but no time, count, name or order.
+// The floor resolves each line and keeps a word of it, but no time, count, name or order.
 void Load(benchmark::State& state) {
-  const File file(static_cast<std::uint32_t>(state.range(0)));
-  Compare(
-      state, "1.5", 1,
-      [&] {
-        CZuIPAddrBlacklist blacklist;
-        if (Failed(blacklist.LoadBlacklistFromFile(file.path))) std::abort();
-      },
-      [&] { LoadPlain(file.path); });
+  const File file(100'000);
+  Compare(state, Ratio(1.5),
+          Call("LoadBlacklistFromFile",
+               [&] {
+                 CZuIPAddrBlacklist blacklist;
+                 if (Failed(blacklist.LoadBlacklistFromFile(file.path))) std::abort();
+               }),
+          Call("fgets, getaddrinfo and a set of words", [&] { LoadPlain(file.path); }));
 }
-BENCHMARK(Load)->Arg(1000000)->Unit(benchmark::kMillisecond)->Iterations(5);
+ROW(Load, "Blacklist/Load100000Lines");
 
 }  // namespace

@@ -1,11 +1,18 @@
 // What an error value costs: nothing to speak of on success, less than an exception on failure.
 
+#include <Poco/Exception.h>
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
 #include "Compare.h"
 #include "ZuUtils/ZuError.h"
 
 namespace {
 
 int gDescriptor = 3;  // read at run time, so that the outcome cannot be known beforehand
+int gNone = -1;
 
 [[gnu::noinline]] CZuError CheckDescriptor(const int& descriptor) {
   if (descriptor == -1) {
@@ -27,7 +34,9 @@ int gDescriptor = 3;  // read at run time, so that the outcome cannot be known b
 }
 
 [[gnu::noinline]] int CheckDescriptorPlain(const int& descriptor) {
-  return descriptor == -1 ? -1 : 0;
+  if (descriptor != -1) return 0;
+  errno = EBADF;
+  return -1;
 }
 
 [[gnu::noinline]] int MiddlePlain(const int& descriptor) {
@@ -42,18 +51,58 @@ int gDescriptor = 3;  // read at run time, so that the outcome cannot be known b
   return error;
 }
 
-void SuccessThroughThreeFunctions(benchmark::State& state) {
-  Compare(
-      state, "1.2", 10000, [] { benchmark::DoNotOptimize(Failed(Outer(gDescriptor))); },
-      [] { benchmark::DoNotOptimize(OuterPlain(gDescriptor) < 0); });
+// The same way with an exception that has a text.
+[[gnu::noinline]] void CheckDescriptorOrThrow(const int& descriptor, bool asPoco) {
+  if (descriptor != -1) return;
+  if (asPoco) throw Poco::InvalidAccessException("Not a valid socket");
+  throw std::system_error(EBADF, std::generic_category(), "Not a valid socket");
 }
-BENCHMARK(SuccessThroughThreeFunctions);
 
-void ErrorThroughThreeFunctionsToText(benchmark::State& state) {
-  const int none = -1;
-  for (auto _ : state) benchmark::DoNotOptimize(Outer(none).AsString());
-  state.SetLabel("at most 400 ns");
+[[gnu::noinline]] void MiddleOrThrow(const int& descriptor, bool asPoco) {
+  CheckDescriptorOrThrow(descriptor, asPoco);
+  benchmark::ClobberMemory();
 }
-BENCHMARK(ErrorThroughThreeFunctionsToText);
+
+[[gnu::noinline]] void OuterOrThrow(const int& descriptor, bool asPoco) {
+  MiddleOrThrow(descriptor, asPoco);
+  benchmark::ClobberMemory();
+}
+
+void Success(benchmark::State& state) {
+  Compare(state, Ratio(1.2),
+          Call("a CZuError through three functions",
+               [] { benchmark::DoNotOptimize(Failed(Outer(gDescriptor))); }),
+          Call("an int", [] { benchmark::DoNotOptimize(OuterPlain(gDescriptor) < 0); }));
+}
+ROW(Success, "Errors/Success");
+
+void FailureToText(benchmark::State& state) {
+  Compare(state, Nanoseconds(310),
+          Call("a CZuError through three functions, and AsString",
+               [] { benchmark::DoNotOptimize(Outer(gNone).AsString()); }),
+          Call("an int, and strerror",
+               [] {
+                 const std::string text = OuterPlain(gNone) < 0 ? std::strerror(errno) : "";
+                 benchmark::DoNotOptimize(text.data());
+               }),
+          {Call("std::system_error",
+                [] {
+                  try {
+                    OuterOrThrow(gNone, false);
+                  } catch (const std::system_error& error) {
+                    const std::string text = error.what();
+                    benchmark::DoNotOptimize(text.data());
+                  }
+                }),
+           Call("POCO", [] {
+             try {
+               OuterOrThrow(gNone, true);
+             } catch (const Poco::Exception& error) {
+               const std::string text = error.displayText();
+               benchmark::DoNotOptimize(text.data());
+             }
+           })});
+}
+ROW(FailureToText, "Errors/FailureToText");
 
 }  // namespace

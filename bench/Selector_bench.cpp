@@ -1,12 +1,22 @@
-// Waiting for one ready socket among many, beside select() on three prepared sets.
+// Waiting for one ready socket among many, beside select() on one prepared set, and the ways of
+// waiting that do not look at every socket.
 
+#include <Poco/Net/PollSet.h>
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/Net/StreamSocketImpl.h>
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <unistd.h>
 
-#include <algorithm>
+#include <asio.hpp>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <list>
+#include <memory>
+#include <vector>
 
 #include "Compare.h"
 #include "ZuNetwork/ZuSocketSelector.h"
@@ -37,76 +47,168 @@ class Sockets {
   ZuSocketSet sockets;
 };
 
-// A set as select() takes it, with room for all descriptors below `kRoom`.
-constexpr int kRoom = 8192;
-struct Bits {
-  std::uint64_t words[kRoom / 64] = {};
+// Each of the following has Wait, which gives the number of sockets that are ready.
 
-  void Set(int descriptor) { words[descriptor / 64] |= std::uint64_t{1} << descriptor % 64; }
-  bool Has(int descriptor) const { return (words[descriptor / 64] >> descriptor % 64 & 1) != 0; }
-};
-
-class PlainSelector {
+class Ours {
  public:
-  explicit PlainSelector(const ZuSocketSet& sockets) : m_sockets(sockets) {
-    for (const CZuSocket& socket : sockets) m_savedRead.Set(socket.GetDescriptor());
-    m_count = sockets.rbegin()->GetDescriptor() + 1;
-    m_size = (static_cast<size_t>(m_count) + 63) / 64 * sizeof(std::uint64_t);
+  explicit Ours(const Sockets& all) {
+    for (const CZuSocket& socket : all.sockets) m_selector.SetReadSocket(socket);
   }
 
-  bool Select() {
-    std::memcpy(&m_read, &m_savedRead, m_size);
-    std::memcpy(&m_write, &m_savedWrite, m_size);
-    std::memcpy(&m_exception, &m_savedException, m_size);
-    timeval limit{1, 0};
-    const auto set = [](Bits& bits) { return reinterpret_cast<fd_set*>(&bits); };
-    return select(m_count, set(m_read), set(m_write), set(m_exception), &limit) > 0;
-  }
-
-  ZuSocketSet Selected() const {
-    ZuSocketSet selected;
-    for (const CZuSocket& socket : m_sockets) {
-      if (m_read.Has(socket.GetDescriptor())) selected.insert(selected.end(), socket);
-    }
-    return selected;
+  size_t Wait() {
+    const timeval limit{1, 0};
+    bool timedOut = false;
+    if (Failed(m_selector.Select(&limit, &timedOut)) || timedOut) std::abort();
+    return m_selector.GetReadSelected().size();
   }
 
  private:
-  const ZuSocketSet& m_sockets;
-  int m_count = 0;
-  size_t m_size = 0;
-  Bits m_read, m_write, m_exception;
-  Bits m_savedRead, m_savedWrite, m_savedException;
+  CZuSocketSelector m_selector;
 };
 
-// The program may open this many descriptors and a few more.
+// The bits of a set, and the numbers of those that are left.
+class Select {
+ public:
+  explicit Select(const Sockets& all) {
+    m_count = all.sockets.rbegin()->GetDescriptor() + 1;
+    m_saved.resize(static_cast<size_t>(m_count) / 64 + 1);
+    for (const CZuSocket& socket : all.sockets) {
+      const auto descriptor = static_cast<size_t>(socket.GetDescriptor());
+      m_saved[descriptor / 64] |= std::uint64_t{1} << descriptor % 64;
+    }
+    m_working = m_saved;
+  }
+
+  size_t Wait() {
+    std::memcpy(m_working.data(), m_saved.data(), m_saved.size() * sizeof m_saved[0]);
+    timeval limit{1, 0};
+    if (select(m_count, reinterpret_cast<fd_set*>(m_working.data()), nullptr, nullptr, &limit) <
+        1) {
+      std::abort();
+    }
+    m_ready.clear();
+    for (size_t i = 0; i < m_working.size(); ++i) {
+      for (std::uint64_t word = m_working[i]; word != 0; word &= word - 1) {
+        m_ready.push_back(static_cast<int>(64 * i) + __builtin_ctzll(word));
+      }
+    }
+    return m_ready.size();
+  }
+
+ private:
+  int m_count = 0;
+  std::vector<std::uint64_t> m_saved;
+  std::vector<std::uint64_t> m_working;
+  std::vector<int> m_ready;
+};
+
+class Poll {
+ public:
+  explicit Poll(const Sockets& all) {
+    for (const CZuSocket& socket : all.sockets) {
+      m_polled.push_back({socket.GetDescriptor(), POLLIN, 0});
+    }
+  }
+
+  size_t Wait() {
+    if (poll(m_polled.data(), m_polled.size(), 1000) < 1) std::abort();
+    size_t ready = 0;
+    for (const pollfd& polled : m_polled) ready += polled.revents != 0 ? 1 : 0;
+    return ready;
+  }
+
+ private:
+  std::vector<pollfd> m_polled;
+};
+
+class Epoll {
+ public:
+  explicit Epoll(const Sockets& all) {
+    for (const CZuSocket& socket : all.sockets) {
+      epoll_event event{};
+      event.events = EPOLLIN;
+      event.data.fd = socket.GetDescriptor();
+      if (epoll_ctl(m_epoll, EPOLL_CTL_ADD, event.data.fd, &event) != 0) std::abort();
+    }
+  }
+  ~Epoll() { close(m_epoll); }
+  Epoll(const Epoll&) = delete;
+  Epoll& operator=(const Epoll&) = delete;
+
+  size_t Wait() {
+    epoll_event events[16];
+    return static_cast<size_t>(epoll_wait(m_epoll, events, 16, 1000));
+  }
+
+ private:
+  int m_epoll = epoll_create1(EPOLL_CLOEXEC);
+};
+
+class Poco {
+ public:
+  explicit Poco(const Sockets& all) {
+    for (const CZuSocket& socket : all.sockets) {
+      m_set.add(
+          ::Poco::Net::StreamSocket(new ::Poco::Net::StreamSocketImpl(dup(socket.GetDescriptor()))),
+          ::Poco::Net::PollSet::POLL_READ);
+    }
+  }
+
+  size_t Wait() { return m_set.poll(::Poco::Timespan(1, 0)).size(); }
+
+ private:
+  ::Poco::Net::PollSet m_set;
+};
+
+// Waits again for the one that was ready, as a program would that served it.
+class Asio {
+ public:
+  explicit Asio(const Sockets& all) {
+    for (const CZuSocket& socket : all.sockets) {
+      m_sockets.emplace_back(m_context, asio::ip::udp::v4(), dup(socket.GetDescriptor()));
+      WaitFor(m_sockets.back());
+    }
+  }
+
+  size_t Wait() { return m_context.run_one(); }
+
+ private:
+  void WaitFor(asio::ip::udp::socket& socket) {
+    socket.async_wait(asio::ip::udp::socket::wait_read, [this, &socket](const asio::error_code& e) {
+      if (!e) WaitFor(socket);
+    });
+  }
+
+  asio::io_context m_context{1};
+  std::list<asio::ip::udp::socket> m_sockets;
+};
+
+template <typename Waiter>
+Timed WaitForOne(const char* name, const Sockets& all) {
+  return Call(name, [waiter = std::make_shared<Waiter>(all)] {
+    if (waiter->Wait() != 1) std::abort();
+  });
+}
+
+// The program may open this many descriptors for each of the three that need their own.
 bool HasRoomFor(rlim_t count) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = limit.rlim_max;
-  return setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= count + 100;
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= 3 * count + 100;
 }
 
-void SelectAndCollect(benchmark::State& state) {
-  const auto count = static_cast<size_t>(state.range(0));
+void SelectAndCollect(benchmark::State& state, size_t count, double limit) {
   if (!HasRoomFor(count)) return state.SkipWithError("too few descriptors allowed");
   const Sockets all(count);
-  CZuSocketSelector selector;
-  for (const CZuSocket& socket : all.sockets) selector.SetReadSocket(socket);
-  PlainSelector plain(all.sockets);
-  Compare(
-      state, "1.10", static_cast<int>(std::max<size_t>(1, 1000 / count)),
-      [&] {
-        const timeval limit{1, 0};
-        bool timedOut = false;
-        if (Failed(selector.Select(&limit, &timedOut)) || timedOut) std::abort();
-        if (selector.GetReadSelected().size() != 1) std::abort();
-      },
-      [&] {
-        if (!plain.Select()) std::abort();
-        if (plain.Selected().size() != 1) std::abort();
-      });
+  Compare(state, Ratio(limit), WaitForOne<Ours>("Select and GetReadSelected", all),
+          WaitForOne<Select>("select on one set", all),
+          {WaitForOne<Poll>("poll", all), WaitForOne<Epoll>("epoll", all),
+           WaitForOne<Poco>("POCO", all), WaitForOne<Asio>("Asio", all)});
 }
-BENCHMARK(SelectAndCollect)->Arg(10)->Arg(100)->Arg(1000)->Arg(4000)->MinTime(2);
+ROW_OF(SelectAndCollect, "Selector/OneReadyOf10", 10, 1.12);
+ROW_OF(SelectAndCollect, "Selector/OneReadyOf100", 100, 1.03);
+ROW_OF(SelectAndCollect, "Selector/OneReadyOf1000", 1000, 1.01);
+ROW_OF(SelectAndCollect, "Selector/OneReadyOf4000", 4000, 1.02);
 
 }  // namespace

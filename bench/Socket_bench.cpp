@@ -1,60 +1,64 @@
 // Moving bytes over a connected pair, beside the same system calls in loops written by hand. One
 // thread holds both ends, so that nobody waits to be scheduled.
 
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/Net/StreamSocketImpl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <asio.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <vector>
 
 #include "Compare.h"
-#include "ZuNetwork/ZuSocket.h"
+#include "Pair.h"
 
 namespace {
 
 constexpr int kTimeOut = 5;
 
-class Pair {
- public:
-  Pair() {
-    if (Failed(CZuSocket::CreateSocketPair(&left, &right))) std::abort();
-    for (CZuSocket* const end : {&left, &right}) {
-      if (Failed(end->SetToBlocking()) || Failed(end->NagleOff())) std::abort();
-      // Room for all that is sent before the other end takes it.
-      for (const int buffer : {SO_SNDBUF, SO_RCVBUF}) {
-        int size = 1 << 18;
-        const auto value = reinterpret_cast<char*>(&size);
-        if (Failed(end->SetSockOpt(SOL_SOCKET, buffer, value, sizeof size))) std::abort();
-      }
-    }
-  }
-  ~Pair() {
-    left.Close();
-    right.Close();
-  }
-  Pair(const Pair&) = delete;
-  Pair& operator=(const Pair&) = delete;
+// Each of the following has Send and Receive of a whole buffer over one end of a pair.
 
-  CZuSocket left;
-  CZuSocket right;
+class Ours {
+ public:
+  explicit Ours(const CZuSocket& end) : m_socket(end) {}
+
+  void Send(const char* data, size_t size) {
+    if (Failed(m_socket.Send(data, static_cast<int>(size), 0, nullptr))) std::abort();
+  }
+  void Receive(char* data, size_t size) {
+    if (Failed(m_socket.Recv(data, static_cast<int>(size), 0, nullptr))) std::abort();
+  }
+
+ private:
+  CZuSocket m_socket;
 };
 
-void Move(const CZuSocket& from, const CZuSocket& to, std::vector<char>& data) {
-  const int size = static_cast<int>(data.size());
-  int count = 0;
-  if (Failed(from.Send(data.data(), size, 0, &count))) std::abort();
-  if (Failed(to.Recv(data.data(), size, 0, &count))) std::abort();
-}
+class OursTimed {
+ public:
+  explicit OursTimed(const CZuSocket& end) : m_socket(end) {}
 
-void MoveTimed(const CZuSocket& from, const CZuSocket& to, std::vector<char>& data) {
-  const int size = static_cast<int>(data.size());
-  int count = 0;
-  int timedOut = 0;
-  if (Failed(from.SendWithTimeOut(data.data(), size, kTimeOut, &timedOut, 0, &count))) std::abort();
-  if (Failed(to.RecvWithTimeout(data.data(), size, kTimeOut, &timedOut, 0, &count))) std::abort();
-}
+  void Send(const char* data, size_t size) {
+    int timedOut = 0;
+    if (Failed(m_socket.SendWithTimeOut(data, static_cast<int>(size), kTimeOut, &timedOut, 0,
+                                        nullptr))) {
+      std::abort();
+    }
+  }
+  void Receive(char* data, size_t size) {
+    int timedOut = 0;
+    if (Failed(m_socket.RecvWithTimeout(data, static_cast<int>(size), kTimeOut, &timedOut, 0,
+                                        nullptr))) {
+      std::abort();
+    }
+  }
+
+ private:
+  CZuSocket m_socket;
+};
 
 // False once the connection is lost; an interrupted call is one that moved nothing.
 bool Add(ssize_t moved, size_t& count) {
@@ -62,94 +66,181 @@ bool Add(ssize_t moved, size_t& count) {
   return moved > 0 || (moved < 0 && errno == EINTR);
 }
 
-void SendPlain(int s, const std::vector<char>& data) {
-  size_t count = 0;
-  while (count < data.size()) {
-    if (!Add(send(s, data.data() + count, data.size() - count, MSG_NOSIGNAL), count)) std::abort();
+class Plain {
+ public:
+  explicit Plain(const CZuSocket& end) : m_socket(end.GetDescriptor()) {}
+
+  void Send(const char* data, size_t size) {
+    for (size_t count = 0; count < size;) {
+      if (!Add(send(m_socket, data + count, size - count, MSG_NOSIGNAL), count)) std::abort();
+    }
   }
-}
-
-void ReceivePlain(int s, std::vector<char>& data) {
-  size_t count = 0;
-  while (count < data.size()) {
-    if (!Add(recv(s, data.data() + count, data.size() - count, 0), count)) std::abort();
+  void Receive(char* data, size_t size) {
+    for (size_t count = 0; count < size;) {
+      if (!Add(recv(m_socket, data + count, size - count, 0), count)) std::abort();
+    }
   }
-}
 
-bool IsPassed(time_t start) { return time(nullptr) - start > kTimeOut; }
+ private:
+  int m_socket;
+};
 
-bool IsReady(int s, bool toSend, timeval& wait) {
-  fd_set set;
-  FD_ZERO(&set);
-  FD_SET(s, &set);
-  return select(s + 1, toSend ? nullptr : &set, toSend ? &set : nullptr, nullptr, &wait) > 0;
-}
+// The steps of a timed call: the clock, a set with room for 8,192 descriptors, a wait, one call.
+class PlainTimed {
+ public:
+  explicit PlainTimed(const CZuSocket& end) : m_socket(end.GetDescriptor()) {}
 
-void SendPlainTimed(int s, const std::vector<char>& data) {
-  const time_t start = time(nullptr);
-  timeval wait{1, 0};
-  size_t count = 0;
-  while (count < data.size()) {
-    if (IsPassed(start)) std::abort();
-    if (!IsReady(s, true, wait)) continue;
-    if (!Add(send(s, data.data() + count, data.size() - count, MSG_NOSIGNAL), count)) std::abort();
-  }
-}
-
-void ReceivePlainTimed(int s, std::vector<char>& data) {
-  const time_t start = time(nullptr);
-  size_t count = 0;
-  while (count < data.size()) {
-    if (IsPassed(start)) std::abort();
+  void Send(const char* data, size_t size) {
+    const time_t start = time(nullptr);
     timeval wait{1, 0};
-    if (!IsReady(s, false, wait)) continue;
-    if (!Add(recv(s, data.data() + count, data.size() - count, 0), count)) std::abort();
+    for (size_t count = 0; count < size;) {
+      if (time(nullptr) - start > kTimeOut) std::abort();
+      if (!IsReady(true, wait)) continue;
+      if (!Add(send(m_socket, data + count, size - count, MSG_NOSIGNAL), count)) std::abort();
+    }
   }
+  void Receive(char* data, size_t size) {
+    const time_t start = time(nullptr);
+    for (size_t count = 0; count < size;) {
+      if (time(nullptr) - start > kTimeOut) std::abort();
+      timeval wait{1, 0};
+      if (!IsReady(false, wait)) continue;
+      if (!Add(recv(m_socket, data + count, size - count, 0), count)) std::abort();
+    }
+  }
+
+ private:
+  bool IsReady(bool toSend, timeval& wait) const {
+    fd_set sets[8192 / FD_SETSIZE] = {};
+    FD_SET(m_socket, &sets[0]);
+    return select(m_socket + 1, toSend ? nullptr : sets, toSend ? sets : nullptr, nullptr, &wait) >
+           0;
+  }
+
+  int m_socket;
+};
+
+// The system's own time-out of a receiving call.
+class SystemTimed : public Plain {
+ public:
+  explicit SystemTimed(const CZuSocket& end) : Plain(end) {
+    const timeval limit{kTimeOut, 0};
+    if (setsockopt(end.GetDescriptor(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0) {
+      std::abort();
+    }
+  }
+};
+
+class Poco {
+ public:
+  explicit Poco(const CZuSocket& end)
+      : m_socket(new ::Poco::Net::StreamSocketImpl(dup(end.GetDescriptor()))) {}
+
+  void Send(const char* data, size_t size) {
+    if (m_socket.sendBytes(data, static_cast<int>(size)) != static_cast<int>(size)) std::abort();
+  }
+  void Receive(char* data, size_t size) {
+    for (size_t count = 0; count < size;) {
+      const int length = m_socket.receiveBytes(data + count, static_cast<int>(size - count));
+      if (length <= 0) std::abort();
+      count += static_cast<size_t>(length);
+    }
+  }
+
+ protected:
+  ::Poco::Net::StreamSocket m_socket;
+};
+
+class PocoTimed : public Poco {
+ public:
+  explicit PocoTimed(const CZuSocket& end) : Poco(end) {
+    m_socket.setReceiveTimeout(::Poco::Timespan(kTimeOut, 0));
+  }
+};
+
+class Asio {
+ public:
+  explicit Asio(const CZuSocket& end)
+      : m_socket(m_context, asio::ip::tcp::v4(), dup(end.GetDescriptor())) {}
+
+  void Send(const char* data, size_t size) { asio::write(m_socket, asio::buffer(data, size)); }
+  void Receive(char* data, size_t size) { asio::read(m_socket, asio::buffer(data, size)); }
+
+ protected:
+  asio::io_context m_context{1};
+  asio::ip::tcp::socket m_socket;
+};
+
+class AsioTimed : public Asio {
+ public:
+  using Asio::Asio;
+
+  void Receive(char* data, size_t size) {
+    bool isDone = false;
+    asio::async_read(m_socket, asio::buffer(data, size),
+                     [&isDone](const asio::error_code& error, size_t) { isDone = !error; });
+    m_context.restart();
+    m_context.run_for(std::chrono::seconds(kTimeOut));
+    if (!isDone) std::abort();
+  }
+};
+
+// Each with a pair of its own: some change what the system knows of theirs.
+template <typename End>
+Timed ThereAndBack(const char* name, size_t size) {
+  struct Ends {
+    Pair pair;
+    End left{pair.left};
+    End right{pair.right};
+  };
+  return Call(name, [ends = std::make_shared<Ends>(), data = std::vector<char>(size)]() mutable {
+    ends->left.Send(data.data(), data.size());
+    ends->right.Receive(data.data(), data.size());
+    ends->right.Send(data.data(), data.size());
+    ends->left.Receive(data.data(), data.size());
+  });
 }
 
-void MovePlain(int from, int to, std::vector<char>& data) {
-  SendPlain(from, data);
-  ReceivePlain(to, data);
+// What is received was sent in one piece before.
+template <typename End>
+Timed ReceiveParts(const char* name, size_t count, size_t size) {
+  struct Ends {
+    Pair pair;
+    Plain left{pair.left};
+    End right{pair.right};
+  };
+  return Call(name, [ends = std::make_shared<Ends>(), data = std::vector<char>(count * size),
+                     size]() mutable {
+    ends->left.Send(data.data(), data.size());
+    for (size_t at = 0; at < data.size(); at += size) {
+      ends->right.Receive(data.data() + at, size);
+    }
+  });
 }
 
-void MovePlainTimed(int from, int to, std::vector<char>& data) {
-  SendPlainTimed(from, data);
-  ReceivePlainTimed(to, data);
+void ThereAndBackOf(benchmark::State& state, size_t size) {
+  Compare(state, Ratio(1.02), ThereAndBack<Ours>("Send and Recv", size),
+          ThereAndBack<Plain>("send and recv", size),
+          {ThereAndBack<Poco>("POCO", size), ThereAndBack<Asio>("Asio", size)});
 }
+ROW_OF(ThereAndBackOf, "Sockets/ThereAndBack64Bytes", size_t{64});
+ROW_OF(ThereAndBackOf, "Sockets/ThereAndBack64KiB", size_t{1} << 16);
 
-// There and back again.
-void CompareMoves(benchmark::State& state, const char* limit, int batch, size_t size,
-                  void (*move)(const CZuSocket&, const CZuSocket&, std::vector<char>&),
-                  void (*movePlain)(int, int, std::vector<char>&)) {
-  const Pair pair;
-  const int left = pair.left.GetDescriptor();
-  const int right = pair.right.GetDescriptor();
-  std::vector<char> data(size);
-  Compare(
-      state, limit, batch,
-      [&] {
-        move(pair.left, pair.right, data);
-        move(pair.right, pair.left, data);
-      },
-      [&] {
-        movePlain(left, right, data);
-        movePlain(right, left, data);
-      });
+void ThereAndBackWithTimeOut(benchmark::State& state) {
+  Compare(state, Ratio(1.03), ThereAndBack<OursTimed>("SendWithTimeOut and RecvWithTimeout", 64),
+          ThereAndBack<PlainTimed>("their steps by hand", 64));
 }
+ROW(ThereAndBackWithTimeOut, "Sockets/ThereAndBack64BytesTimed");
 
-void PingPong64Bytes(benchmark::State& state) {
-  CompareMoves(state, "1.02", 50, 64, Move, MovePlain);
+void ReceiveWithTimeOut(benchmark::State& state) {
+  constexpr size_t kCount = 512;
+  constexpr size_t kSize = 64;
+  Compare(state, Ratio(1.02), ReceiveParts<OursTimed>("512 times RecvWithTimeout", kCount, kSize),
+          ReceiveParts<PlainTimed>("its steps by hand", kCount, kSize),
+          {ReceiveParts<SystemTimed>("SO_RCVTIMEO", kCount, kSize),
+           ReceiveParts<PocoTimed>("POCO", kCount, kSize),
+           ReceiveParts<AsioTimed>("Asio", kCount, kSize)});
 }
-BENCHMARK(PingPong64Bytes)->Unit(benchmark::kMillisecond)->MinTime(3);
-
-void PingPong64BytesWithTimeOut(benchmark::State& state) {
-  CompareMoves(state, "1.03", 50, 64, MoveTimed, MovePlainTimed);
-}
-BENCHMARK(PingPong64BytesWithTimeOut)->Unit(benchmark::kMillisecond)->MinTime(3);
-
-void Bulk64KiB(benchmark::State& state) {
-  CompareMoves(state, "1.02", 20, size_t{1} << 16, Move, MovePlain);
-}
-BENCHMARK(Bulk64KiB)->Unit(benchmark::kMillisecond)->MinTime(3);
+ROW(ReceiveWithTimeOut, "Sockets/Receive64BytesTimed");
 
 }  // namespace

@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Starts the servers on loopback and the benchmarks against them; those whose server is missing are
-# skipped. Usage: run.sh BIN-FOLDER [ARGUMENT...]
+# skipped. Servers run on the first CPU, the benchmarks pin themselves to the last one.
+# Usage: run.sh BIN-FOLDER [--report] [ARGUMENT...]
+# With --report, docs/performance.md, its plots and the figures of the README are written anew.
 set -euo pipefail
 PATH=$PATH:/usr/sbin:/sbin
-examples=$(dirname "$0")/../examples
+bench=$(dirname "$(realpath "$0")")
+examples=$bench/../examples
 # shellcheck source=examples/nginx.sh
 source "$examples/nginx.sh"
 # shellcheck source=examples/sshd.sh
@@ -14,36 +17,60 @@ source "$examples/vsftpd.sh"
 source "$examples/pkcs12.sh"
 bin=$(realpath "$1")
 shift
+report=
+arguments=()
+for argument in "$@"; do
+  if [[ $argument == --report ]]; then report=1; else arguments+=("$argument"); fi
+done
 
 # In memory, where there is room for the files: a disk would be what is measured.
 memory=/dev/shm
-needed=$((4 * 1024 * 1024))
+needed=$((1024 * 1024))
 room=$(df --output=avail "$memory" 2>/dev/null | tail -n 1 || true)
 if ((${room:-0} < needed)); then memory=${TMPDIR:-/tmp}; fi
 folder=$(mktemp -d -p "$memory")
-nginx_process=
-sshd_process=
-vsftpd_process=
+processes=()
+# shellcheck disable=SC2317  # the trap below calls it
 clean_up() {
   local process
-  for process in $nginx_process $sshd_process $vsftpd_process; do stop_process "$process"; done
+  for process in "${processes[@]}"; do stop_process "$process"; done
   rm -rf "$folder"
 }
 trap clean_up EXIT
 
-start_nginx "$folder" "sendfile on;"
-mkdir "$folder/ftp"
+cpus=$(taskset -cp $$ | sed 's/.*: //')
+taskset -cp "${cpus%%[-,]*}" $$ >/dev/null
+
+# A server for TLS beside the plain one, whose certificate stands among those of the system.
+start_https() {
+  local folder=$1
+  openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 \
+    -keyout "$folder/tls.key" -out "$folder/tls.pem" 2>/dev/null
+  cat /etc/ssl/certs/ca-certificates.crt "$folder/tls.pem" >"$folder/cas.pem"
+  start_nginx "$folder" "ssl on; ssl_certificate $folder/tls.pem; ssl_certificate_key $folder/tls.key;"
+}
+
+mkdir "$folder/tls" "$folder/ftp"
+start_nginx "$folder" "sendfile on; location /sink { return 200; }"
+processes+=("$nginx_process")
 head -c 1K /dev/urandom >"$folder/www/1KiB.bin"
 head -c 256M /dev/urandom >"$folder/www/256MiB.bin"
-ln "$folder/www/256MiB.bin" "$folder/ftp/256MiB.bin"
-truncate -s 1G "$folder/ftp/1GiB.bin"
+head -c 128M "$folder/www/256MiB.bin" >"$folder/ftp/128MiB.bin"
+head -c 32M "$folder/www/256MiB.bin" >"$folder/ftp/32MiB.bin"
 make_pkcs12 "$folder" secret
 export ZUNETWORK_BENCH_URL=http://127.0.0.1:$nginx_port
 export ZUNETWORK_BENCH_FILES=$folder/ftp
 export ZUNETWORK_BENCH_KEY=$folder/key.p12
 
+start_https "$folder/tls"
+processes+=("$nginx_process")
+ln "$folder/www/1KiB.bin" "$folder/tls/www/"
+export ZUNETWORK_BENCH_HTTPS=https://127.0.0.1:$nginx_port
+export ZUNETWORK_BENCH_CAS=$folder/tls/cas.pem
+
 if command -v sshd >/dev/null; then
   start_sshd "$folder/ssh"
+  processes+=("$sshd_process")
   ZUNETWORK_BENCH_SFTP_USER=$(id -un)
   export ZUNETWORK_BENCH_SFTP_USER
   export ZUNETWORK_BENCH_SFTP=sftp://127.0.0.1:$sshd_port
@@ -53,8 +80,14 @@ else
 fi
 if ((EUID == 0)) && command -v vsftpd >/dev/null; then
   start_vsftpd "$folder"
+  processes+=("$vsftpd_process")
   export ZUNETWORK_BENCH_FTP=ftp://127.0.0.1:$vsftpd_port
 else
   echo "No vsftpd here, or not root to run it: FTP is not measured" >&2
 fi
-"$bin/zunetwork_bench" --benchmark_counters_tabular=true "$@"
+
+status=0
+if [[ $report ]]; then arguments+=("--benchmark_out=$folder/results.json"); fi
+taskset -c "$cpus" "$bin/zunetwork_bench" "${arguments[@]}" || status=$?
+if [[ $report ]]; then "$bench/report.py" "$folder/results.json" "$bench/.."; fi
+exit "$status"

@@ -1,2 +1,0 @@
-// Links the network library and does nothing.
-int main() { return 0; }
