@@ -14,6 +14,8 @@
 #include <mutex>
 
 #include "ZuNetwork/ZuSocket.h"
+#include "ZuNetwork/internal/Resolver.h"
+#include "ZuNetwork/internal/SocketAddress.h"
 
 static_assert(sizeof(CZuIPAddr) == sizeof(ZUNET_SockAddr));
 static_assert(CZuIPAddr::FAMILY_ANY == AF_UNSPEC && CZuIPAddr::FAMILY_IPV4 == AF_INET &&
@@ -21,43 +23,26 @@ static_assert(CZuIPAddr::FAMILY_ANY == AF_UNSPEC && CZuIPAddr::FAMILY_IPV4 == AF
 
 namespace {
 
-constexpr char kCollisionText[] = "DNS name collision occured";
+using ZuInternal::AddrInfoList;
+
+constexpr char kCollisionAddress[] = "127.0.53.53";
 
 std::mutex gSetUpMutex;
 
-struct FreeList {
-  void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-using AddrInfoList = std::unique_ptr<addrinfo, FreeList>;
-
 // Returns 0 or the resolver's code.
-int Resolve(const char* name, CZuIPAddr::IP_FAMILY family, AddrInfoList& list) {
-  addrinfo hints{};
-  hints.ai_flags = AI_CANONNAME;
-  hints.ai_family = family == CZuIPAddr::FAMILY_ANY ? ZUNET_GetFamilyPreference() : family;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_protocol = IPPROTO_TCP;
-  addrinfo* found = nullptr;
-  const int result = getaddrinfo(name, nullptr, &hints, &found);
-  list.reset(found);
-  return result;
+int LookUp(const char* name, CZuIPAddr::IP_FAMILY family, AddrInfoList& list) {
+  const int wanted = family == CZuIPAddr::FAMILY_ANY ? ZUNET_GetFamilyPreference() : family;
+  return ZuInternal::Resolve(name, wanted, AI_CANONNAME, list);
 }
 
-// Assigns the entry's address with port 0. False, and nothing changed, for other families.
-bool Assign(const addrinfo& entry, CZuIPAddr& address) {
-  if (entry.ai_family == AF_INET) {
-    sockaddr_in v4;
-    std::memcpy(&v4, entry.ai_addr, sizeof v4);
-    address = v4;
-  } else if (entry.ai_family == AF_INET6) {
-    sockaddr_in6 v6;
-    std::memcpy(&v6, entry.ai_addr, sizeof v6);
-    address = v6;
-  } else {
-    return false;
-  }
-  ZUNET_setport(&address.m_Addr, 0);
-  return true;
+CZuError NotFound(const FXCodeLocation& where, int result, const char* name) {
+  return FXErrorUtil::ErrorErrNo(where, result, "[%s]", name);
+}
+
+CZuError Collision(const FXCodeLocation& where, const char* name) {
+  CZuError error =
+      FXErrorUtil::ErrorWin32(where, kErrorNameCollision, "DNS name collision occured");
+  return error.Push(where, "[%s]", name);
 }
 
 // The flag is a plain bool to its readers, while threads that find it set read the address too.
@@ -80,13 +65,7 @@ int ToInt(const char* text) {
       std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
-// The word where an IPv4 address stands, whatever the family.
-std::uint32_t V4Word(const CZuIPAddr& address) {
-  std::uint32_t word;
-  const auto* const bytes = reinterpret_cast<const unsigned char*>(&address.m_Addr);
-  std::memcpy(&word, bytes + offsetof(sockaddr_in, sin_addr), sizeof word);
-  return word;
-}
+std::uint32_t V4Word(const CZuIPAddr& address) { return ZuInternal::V4Word(address.m_Addr); }
 
 // Sorts the texts and leaves each once.
 void SortUnique(std::vector<std::string>& texts) {
@@ -175,7 +154,7 @@ CZuError CZuIPAddr::GetAddressString(CZuString& sAddrStr) const {
   const int err = ZUNET_ip2str(&m_Addr, text, sizeof text);
   if (err != 0) {
     sAddrStr.Clear();
-    return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+    return FXErrorUtil::ErrorErrNo(ZU_HERE, err, "family %d", m_Addr.addr.f.family);
   }
   sAddrStr = text;
   return {};
@@ -183,7 +162,7 @@ CZuError CZuIPAddr::GetAddressString(CZuString& sAddrStr) const {
 
 CZuError CZuIPAddr::SetAddressString(const char* szAddrStr) {
   const int err = ZUNET_str2ip(szAddrStr, &m_Addr);
-  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  if (err != 0) return NotFound(ZU_HERE, err, szAddrStr == nullptr ? "" : szAddrStr);
   return {};
 }
 
@@ -237,13 +216,10 @@ CZuError CZuIPAddr::GetByName(const char* szHostName, CZuIPAddr& Obj, IP_FAMILY 
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
   }
   AddrInfoList list;
-  const int result = Resolve(szHostName, eFamily, list);
-  if (result != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, result);
-  const addrinfo* entry = list.get();
-  while (entry != nullptr && !Assign(*entry, Obj)) entry = entry->ai_next;
-  if (IsCollision(Obj)) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNameCollision, kCollisionText);
-  }
+  const int result = LookUp(szHostName, eFamily, list);
+  if (result != 0) return NotFound(ZU_HERE, result, szHostName);
+  ZuInternal::CopyFirstAddress(list.get(), Obj.m_Addr);
+  if (IsCollision(Obj)) return Collision(ZU_HERE, szHostName);
   return {};
 }
 
@@ -253,14 +229,13 @@ CZuError CZuIPAddr::GetAllByName(const char* szHostName, std::vector<CZuIPAddr>&
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
   }
   AddrInfoList list;
-  const int result = Resolve(szHostName, eFamily, list);
-  if (result != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, result);
+  const int result = LookUp(szHostName, eFamily, list);
+  if (result != 0) return NotFound(ZU_HERE, result, szHostName);
   for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
+    if (!ZuInternal::IsUsable(*entry)) continue;
     CZuIPAddr address(ZUNET_SockAddr{});  // not the default, which makes the collision address
-    if (!Assign(*entry, address)) continue;
-    if (IsCollision(address)) {
-      return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNameCollision, kCollisionText);
-    }
+    ZuInternal::CopyAddress(*entry, address.m_Addr);
+    if (IsCollision(address)) return Collision(ZU_HERE, szHostName);
     ObjList.push_back(address);
   }
   return {};
@@ -287,7 +262,7 @@ CZuError CZuIPAddr::GetHostName(CZuString& sHostName) const {
   sHostName.Clear();
   char name[NI_MAXHOST];
   const int err = ZUNET_ip2name(&m_Addr, name, sizeof name);
-  if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
+  if (err != 0) return NotFound(ZU_HERE, err, ZuInternal::AddressText(m_Addr).c_str());
   sHostName = name;
   return {};
 }
@@ -347,14 +322,18 @@ CZuError CZuIPAddr::GetAllInterfaces(GetAllInterfacesArgs_t& args, GetAllInterfa
   return {};
 }
 
-// Values are copied without a lock once the flag says that the address is there, so it is written
-// once only.
+// Looks the address up as GetByName does, which cannot be called here: it makes an error of a
+// failure, and where memory is short while the library is loaded there would be none for that
+// either. Nothing is refused until the flag is set, so this look-up is never. The lock lets one
+// thread write, and no thread wait for the resolver; values are copied without it once the flag
+// says that the address is there.
 void CZuIPAddr::SetUpCollisionAddress() {
+  AddrInfoList list;
+  ZUNET_SockAddr address{};
+  if (LookUp(kCollisionAddress, FAMILY_IPV4, list) != 0) return;
+  if (!ZuInternal::CopyFirstAddress(list.get(), address)) return;
   const std::lock_guard<std::mutex> lock(gSetUpMutex);
   if (IsCollisionKnown()) return;
-  ZUNET_SockAddr address{};
-  ZUNET_str2ip("127.0.53.53", &address);  // refused once it is known below, yet written
-  if (address.addr.f.family != FAMILY_IPV4) return;
   m_DummyIp.m_Addr = address;
   __atomic_store_n(&m_DummyIpInit, true, __ATOMIC_RELEASE);
 }

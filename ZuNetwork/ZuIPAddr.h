@@ -35,7 +35,8 @@ struct GetAllInterfacesRet_t {
 // are accepted.
 //
 // Distinct values may be used on distinct threads; the static functions on any. Failed calls are
-// ErrorErrNo with the errno value, or with the resolver's code (EAI_*, negative) as it is.
+// ErrorErrNo with the errno value, or with the resolver's code (EAI_*, negative) as it is, and name
+// the text or address they were about: "[nope.invalid]: Name or service not known".
 class ZUNETWORK_API CZuIPAddr {
  public:
   enum IP_FAMILY : int {
@@ -159,9 +160,9 @@ class ZUNETWORK_API CZuIPAddr {
 
   ZUNET_SockAddr m_Addr;
 
-  // The collision address, and whether it is known; both are the library's. It is read when the
-  // library is loaded and, where that failed, by the next default constructions; until then nothing
-  // is refused.
+  // The collision address, and whether it is known; both are the library's. It is looked up when
+  // the library is loaded and, where that failed, by the next default constructions; until then
+  // nothing is refused.
   static CZuIPAddr m_DummyIp;
   static bool m_DummyIpInit;
 

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "ZuNetwork/ZuSocketSelector.h"
+#include "ZuNetwork/internal/SocketAddress.h"
 
 namespace {
 
@@ -24,6 +25,23 @@ CZuError InvalidState(const FXCodeLocation& where, const char* text) {
 CZuError Result(const FXCodeLocation& where, int err) {
   if (err != 0) return FXErrorUtil::ErrorErrNo(where, err);
   return {};
+}
+
+// The same of a call that was given an address, which is in the message.
+CZuError Result(const FXCodeLocation& where, int err, const CZuIPAddr& addr) {
+  if (err == 0) return {};
+  return FXErrorUtil::ErrorErrNo(where, err, "%s", ZuInternal::EndpointText(addr.m_Addr).c_str());
+}
+
+// The same of ICMP, which knows no ports.
+CZuError IcmpResult(const FXCodeLocation& where, int err, const CZuIPAddr& addr) {
+  if (err == 0) return {};
+  return FXErrorUtil::ErrorErrNo(where, err, "[%s]", ZuInternal::AddressText(addr.m_Addr).c_str());
+}
+
+CZuError InUse(const FXCodeLocation& where, const CZuIPAddr& addr) {
+  CZuError error = InvalidState(where, kInUse);
+  return error.Push(where, "%s", ZuInternal::EndpointText(addr.m_Addr).c_str());
 }
 
 // The same for `count` of `len` bytes: short without a reason means that the peer closed.
@@ -93,33 +111,34 @@ bool CZuSocket::operator<(const CZuSocket& other) const {
 }
 
 CZuError CZuSocket::Socket(const CZuIPAddr& addr) {
-  if (m_Socket.m_socket != -1) return InvalidState(ZU_HERE, kInUse);
-  return Result(ZU_HERE, ZUNET_socket(FamilyOf(addr), &m_Socket.m_socket));
+  if (m_Socket.m_socket != -1) return InUse(ZU_HERE, addr);
+  return Result(ZU_HERE, ZUNET_socket(FamilyOf(addr), &m_Socket.m_socket), addr);
 }
 
 CZuError CZuSocket::DgramSocket(const CZuIPAddr& addr) {
-  if (m_Socket.m_socket != -1) return InvalidState(ZU_HERE, kInUse);
-  return Result(ZU_HERE, ZUNET_dgramsocket(FamilyOf(addr), &m_Socket.m_socket));
+  if (m_Socket.m_socket != -1) return InUse(ZU_HERE, addr);
+  return Result(ZU_HERE, ZUNET_dgramsocket(FamilyOf(addr), &m_Socket.m_socket), addr);
 }
 
 CZuError CZuSocket::ICMPSocket(const CZuIPAddr& addr, CZuIPAddr::IP_FAMILY family) {
-  if (m_Socket.m_socket != -1) return InvalidState(ZU_HERE, kInUse);
+  if (m_Socket.m_socket != -1) return InUse(ZU_HERE, addr);
   m_IPAddr = addr;
-  return Result(ZU_HERE, ZUNET_icmpsocket(family == CZuIPAddr::FAMILY_IPV6 ? AF_INET6 : AF_INET,
-                                          &m_Socket.m_socket));
+  const int err =
+      ZUNET_icmpsocket(family == CZuIPAddr::FAMILY_IPV6 ? AF_INET6 : AF_INET, &m_Socket.m_socket);
+  return Result(ZU_HERE, err, addr);
 }
 
 CZuError CZuSocket::Bind(const CZuIPAddr& addr) {
   int err = EnsureStreamSocket(addr, m_Socket.m_socket);
   if (err == 0) err = ZUNET_bind(m_Socket.m_socket, &addr.m_Addr);
-  return Result(ZU_HERE, err);
+  return Result(ZU_HERE, err, addr);
 }
 
 CZuError CZuSocket::Connect(const CZuIPAddr& addr) {
   ZUNET_SockAddr peer = addr.m_Addr;
   int err = EnsureStreamSocket(addr, m_Socket.m_socket);
   if (err == 0) err = ZUNET_connect(m_Socket.m_socket, &peer);
-  return Result(ZU_HERE, err);
+  return Result(ZU_HERE, err, addr);
 }
 
 CZuError CZuSocket::Listen(int backlog) {
@@ -334,7 +353,7 @@ CZuError CZuSocket::SendtoICMPSocket(const void* buf, int len, int timeout, int*
   if (sent != nullptr) *sent = count;
   if (pnTimedOut != nullptr) *pnTimedOut = timedOut;
   if (timedOut == 1) return InvalidState(ZU_HERE, kSendTimedOut);
-  return Result(ZU_HERE, err);
+  return IcmpResult(ZU_HERE, err, m_IPAddr);
 }
 
 CZuError CZuSocket::RecvfromICMPSocket(const void* buf, int len, int timeout, int* pnTimedOut,

@@ -10,7 +10,8 @@
 // A socket descriptor with an address, as a value: copies share the descriptor, and only Close()
 // closes it, neither the destructor nor an assignment. Whoever holds the last copy has to.
 //
-// Failures: what the system refuses is ErrorErrNo with its errno; what the object finds itself is
+// Failures: what the system refuses is ErrorErrNo with its errno, and with the address where the
+// call has one ("127.0.0.1:80: Connection refused"); what the object finds itself is
 // ErrorWin32 774, "Not a valid socket" for an empty object unless said otherwise. A time-out is an
 // ErrorWin32 774 too, and told apart by the flag; so is "Socket shutdown detected", when the peer
 // closed before everything had come or gone.

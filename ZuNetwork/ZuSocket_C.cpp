@@ -16,6 +16,16 @@
 #include <limits>
 #include <memory>
 
+#include "ZuNetwork/internal/Resolver.h"
+#include "ZuNetwork/internal/SocketAddress.h"
+
+using ZuInternal::AddrInfoList;
+using ZuInternal::CopyAddress;
+using ZuInternal::CopyFirstAddress;
+using ZuInternal::IsUsable;
+using ZuInternal::Resolve;
+using ZuInternal::V4Word;
+
 static_assert(sizeof(ZUNET_SockAddr) == sizeof(sockaddr_in6));
 static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port));
 
@@ -57,14 +67,6 @@ const unsigned char* AddressBytes(const ZUNET_SockAddr& address) {
          (isV4 ? offsetof(sockaddr_in, sin_addr) : offsetof(sockaddr_in6, sin6_addr));
 }
 
-// The word behind the port, whatever the family.
-std::uint32_t V4Word(const ZUNET_SockAddr& address) {
-  std::uint32_t word;
-  const auto* const bytes = reinterpret_cast<const unsigned char*>(&address);
-  std::memcpy(&word, bytes + offsetof(sockaddr_in, sin_addr), sizeof word);
-  return word;
-}
-
 bool SamePrefix(const unsigned char* left, const unsigned char* right, unsigned bits) {
   const unsigned whole = bits / 8;
   if (std::memcmp(left, right, whole) != 0) return false;
@@ -83,50 +85,12 @@ void ClearText(char* text, std::size_t size) {
 
 // ---- Resolver ----
 
-struct FreeList {
-  void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-using AddrInfoList = std::unique_ptr<addrinfo, FreeList>;
-
-int Lookup(const char* text, int family, int flags, AddrInfoList& list) {
-  addrinfo hints{};
-  hints.ai_family = family;
-  hints.ai_flags = flags;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_protocol = IPPROTO_TCP;
-  addrinfo* found = nullptr;
-  const int result = getaddrinfo(text, nullptr, &hints, &found);
-  if (result == 0) list.reset(found);
-  return result;
-}
-
-bool IsUsable(const addrinfo& entry) {
-  return entry.ai_family == AF_INET || entry.ai_family == AF_INET6;
-}
-
-// Copies what the family of the entry fills; the rest of `out` stays.
-void CopyEntry(const addrinfo& entry, ZUNET_SockAddr& out) {
-  if (entry.ai_family == AF_INET) {
-    std::memcpy(&out, entry.ai_addr, sizeof(sockaddr_in));
-  } else {
-    std::memcpy(&out, entry.ai_addr, sizeof(sockaddr_in6));
-  }
-  ZUNET_setport(&out, 0);
-}
-
-int TakeFirst(const addrinfo* entry, ZUNET_SockAddr& out) {
-  while (entry != nullptr && !IsUsable(*entry)) entry = entry->ai_next;
-  if (entry == nullptr) return EAI_FAMILY;
-  CopyEntry(*entry, out);
-  return 0;
-}
-
 // A conversion that fails leaves no family, with which nothing collides.
 ZUNET_SockAddr ConvertCollisionAddress() {
   ZUNET_SockAddr converted{};
   AddrInfoList list;
-  if (Lookup("127.0.53.53", AF_UNSPEC, AI_NUMERICHOST, list) == 0) {
-    TakeFirst(list.get(), converted);
+  if (Resolve("127.0.53.53", AF_UNSPEC, AI_NUMERICHOST, list) == 0) {
+    CopyFirstAddress(list.get(), converted);
   }
   return converted;
 }
@@ -457,16 +421,17 @@ int ZUNET_ip2name(const ZUNET_SockAddr* SockAddr, char* szHostName, size_t nHost
 
 int ZUNET_str2ip(const char* IpStr, ZUNET_SockAddr* SockAddr) {
   AddrInfoList list;
-  int result = Lookup(IpStr, AF_UNSPEC, AI_NUMERICHOST, list);
+  const int result = Resolve(IpStr, AF_UNSPEC, AI_NUMERICHOST, list);
   if (result != 0) return result;
-  result = TakeFirst(list.get(), *SockAddr);
-  return IsCollision(*SockAddr) ? ZUNET_NAME_COLLISION : result;
+  const bool found = CopyFirstAddress(list.get(), *SockAddr);
+  if (IsCollision(*SockAddr)) return ZUNET_NAME_COLLISION;  // also of what the caller left there
+  return found ? 0 : EAI_FAMILY;
 }
 
 int ZUNET_name2ip(const char* szHostName, ZUNET_HostEnt* HostEnt, int nFamily) {
   const int family = nFamily == AF_UNSPEC ? ZUNET_GetFamilyPreference() : nFamily;
   AddrInfoList list;
-  const int result = Lookup(szHostName, family, AI_CANONNAME, list);
+  const int result = Resolve(szHostName, family, AI_CANONNAME, list);
   if (result != 0) return result;
 
   std::size_t count = 0;
@@ -484,7 +449,7 @@ int ZUNET_name2ip(const char* szHostName, ZUNET_HostEnt* HostEnt, int nFamily) {
   for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
     if (!IsUsable(*entry)) continue;
     ZUNET_SockAddr& address = addresses[copied++];
-    CopyEntry(*entry, address);
+    CopyAddress(*entry, address);
     if (entry->ai_family == AF_INET && IsCollision(address)) {
       // An early end that keeps on purpose what was made so far: the resolver's list for good, the
       // addresses until the caller releases them.

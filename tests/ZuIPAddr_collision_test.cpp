@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "ZuNetwork/ZuIPAddr.h"
@@ -18,8 +19,8 @@ constexpr auto kAny = CZuIPAddr::FAMILY_ANY;
 constexpr unsigned kCollision = 0xFFFFFFFE;
 constexpr char kCollisionText[] = "DNS name collision occured";
 
-// Of numeric conversions: how many may still succeed (they come first while the library is loaded,
-// when none may), and how many there were.
+// Of look-ups that make the collision address and of conversions of texts: how many may still
+// succeed (they come first while the library is loaded, when none may), and how many there were.
 constexpr int kAllSucceed = 1 << 30;
 std::atomic<int> gSuccesses{0};
 std::atomic<int> gConversions{0};
@@ -43,6 +44,12 @@ void ExpectRefused() {
   EXPECT_THAT(list, testing::IsEmpty());
 }
 
+// Whether the look-up is the library's own for the collision address: a name, of IPv4 alone.
+bool IsSetUp(const char* name, const addrinfo& hints) {
+  return hints.ai_family == AF_INET && hints.ai_flags == AI_CANONNAME &&
+         std::strcmp(name, "127.0.53.53") == 0;
+}
+
 // Constructs values without a family of their own, and says how many conversions it took.
 int ConversionsOf(int constructions) {
   const int before = gConversions;
@@ -60,7 +67,7 @@ extern "C" {
 int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list) {
   static const auto next =
       reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
-  if ((hints->ai_flags & AI_NUMERICHOST) != 0) {
+  if ((hints->ai_flags & AI_NUMERICHOST) != 0 || IsSetUp(name, *hints)) {
     ++gConversions;
     if (gSuccesses.fetch_sub(1) <= 0) {
       ++gSuccesses;
@@ -140,6 +147,19 @@ TEST(CollisionAddress, IsTriedAgainByEveryDefaultConstructionUntilItIsKnown) {
   });
 }
 
+// An empty list is a look-up that succeeded, but there is nothing to keep.
+TEST(CollisionAddress, IsNotKnownFromALookUpWithoutAnAddress) {
+  namespaces::RunInChild([] {
+    gSuccesses = kAllSucceed;
+    gNamesAreEmpty = true;
+    ConversionsOf(1);
+    EXPECT_FALSE(CZuIPAddr::m_DummyIpInit);
+    gNamesAreEmpty = false;
+    ConversionsOf(1);
+    ExpectRefused();
+  });
+}
+
 TEST(CollisionAddress, IsNotTriedByOtherConstructions) {
   namespaces::RunInChild([] {
     const sockaddr_in v4 = V4("10.1.2.3");
@@ -168,11 +188,12 @@ TEST(CollisionAddress, StaysKnownWhateverFailsLater) {
 // The functions below keep a copy of their own, which they read once.
 TEST(CollisionAddress, IsKnownToNamesAlsoWhereItIsNotToTexts) {
   namespaces::RunInChild([] {
-    gSuccesses = 1;
-    ConversionsOf(1);
+    gSuccesses = 2;
+    EXPECT_EQ(ConversionsOf(1), 1);
+    CZuIPAddr address;
+    EXPECT_OK(address.SetAddressString("10.1.2.3"));  // fails to make the copy behind it
     gSuccesses = kAllSucceed;
     ExpectRefused();
-    CZuIPAddr address;
     EXPECT_OK(address.SetAddressString("127.0.53.53"));
     EXPECT_EQ(Text(address), "127.0.53.53");
   });
