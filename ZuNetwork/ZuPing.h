@@ -41,6 +41,7 @@ enum KD_PING_STATE : int {
   ZUPING_STATE_DATALOSS = 2,     // the reply is shorter than the request
   ZUPING_STATE_BADCHECKSUM = 3,  // the reply was changed on its way
   ZUPING_STATE_ANONYMOUS = 4,    // no reply, or one to somebody else
+  ZUPING_STATE_ICMPERROR = 5,    // a router or the host says why it does not arrive (own replies)
 };
 
 // The codes that ErrorKDResult is given here.
@@ -64,6 +65,11 @@ struct ZuPingResponse {
   std::uint32_t ttl = 0;
   KD_PING_STATE currentPingState = ZUPING_STATE_SUCCESS;
   std::uint64_t currentPingtimeMS = 0;
+
+  // Of ZUPING_STATE_ICMPERROR: who says so and what, by RFC 792. Empty and 0 for every other state.
+  std::string errorSender;
+  std::uint32_t errorType = 0;
+  std::uint32_t errorCode = 0;
 };
 
 // The sums of a series.
@@ -77,6 +83,7 @@ struct ZuPingResult {
   std::uint32_t buffersTimeout = 0;
   std::uint32_t buffersAnonymousReply = 0;
   std::uint64_t totalTimeMS = 0;
+  std::uint32_t buffersIcmpError = 0;
 };
 
 // Told of every request, on the thread that pings.
@@ -113,10 +120,27 @@ class ZUNETWORK_API CZuPing {
   CZuError ping(const char* server, unsigned bufferSize, unsigned bufferCount, unsigned timeout,
                 void* callbackInstance, CZuPingCallback* callback, ZuPingResult& result, bool ipv6);
 
+  // Off, everything that comes in during the wait is taken for the answer, and its sender gets the
+  // next request: once a router has said that a host is unreachable, the router is pinged. On:
+  // - every request goes to the server;
+  // - a reply counts that has the id, the sequence number and the data of the request and comes
+  // from
+  //   the server; late and doubled ones and those to other programs are passed over, and the wait
+  //   goes on for what is left of its time, which is `timeout` seconds of the monotonic clock;
+  // - an ICMP error that quotes the request ends the wait with ZUPING_STATE_ICMPERROR;
+  // - ErrorKDResult 3 "Invalid buffer size (%u)" for more than the 65,507 bytes that fit a packet,
+  //   ErrorKDResult 2 "IPV6 is not supported currently" for a server that is an IPv6 address.
+  // To be set before the series; off at first.
+  void setOwnRepliesOnly(bool ownRepliesOnly);
+
+  // What an ICMP error means, such as "Destination host unreachable"; "ICMP error" for numbers that
+  // RFC 792, 1122 and 1812 do not name.
+  static const char* describeIcmpError(unsigned type, unsigned code);
+
   // The steps of a series, for a program that has its own. Requests and replies need both the
   // socket and the buffers, whose size is that of the last series: without buffers they are
-  // ErrorKDResult 1 "Ping buffers are not prepared". A reply's sender, whoever that is, gets the
-  // next request.
+  // ErrorKDResult 1 "Ping buffers are not prepared". Unless setOwnRepliesOnly is on, the next
+  // request goes to the sender of the last packet that was received, whoever that is.
   CZuError preparePingSocket(const char* server, unsigned timeout, bool ipv6);
   CZuError prepareBuffer();
   CZuError unprepareBuffer();
@@ -152,6 +176,10 @@ class ZUNETWORK_API CZuPing {
 
  private:
   CZuError SendOne(const FXCodeLocation& where, ZuPingResponse& response, ZuPingResult& result);
-  void WriteHeader(const kdicmp& header);
-  KD_PING_STATE Classify(std::size_t received);
+  CZuError ReceiveAny(const FXCodeLocation& where, KD_PING_STATE& state, CTimeStamp& recvTime);
+  CZuError ReceiveOwn(const FXCodeLocation& where, ZuPingResponse& response, CTimeStamp& recvTime);
+
+  bool m_ownRepliesOnly = false;
+  CZuIPAddr m_target;            // the server, also after packets of others
+  std::uint16_t m_sequence = 0;  // of the last request
 };
