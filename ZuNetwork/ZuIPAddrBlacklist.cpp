@@ -1,12 +1,15 @@
 #include "ZuNetwork/ZuIPAddrBlacklist.h"
 
+#include <netdb.h>
+#include <sys/random.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <functional>
-#include <limits>
+#include <cstring>
 #include <memory>
-#include <string_view>
+#include <random>
 
 namespace {
 
@@ -16,25 +19,52 @@ struct CloseFile {
   void operator()(FILE* file) const { std::fclose(file); }
 };
 
-std::string_view BytesOf(const void* bytes, std::size_t size) {
-  return {static_cast<const char*>(bytes), size};
+// Chances: a key that nobody outside knows, so that nobody can choose addresses that meet in the
+// index. Where the system gives none, time, place and process are the best there is.
+std::array<std::uint64_t, 3> DrawKey(const void* owner) {
+  std::array<std::uint64_t, 3> key{};
+  if (getrandom(key.data(), sizeof key, GRND_NONBLOCK) == sizeof key) return key;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  std::seed_seq seed{
+      static_cast<std::uint64_t>(now.tv_nsec), static_cast<std::uint64_t>(now.tv_sec),
+      std::uint64_t{reinterpret_cast<std::uintptr_t>(owner)}, static_cast<std::uint64_t>(getpid())};
+  std::mt19937_64 generator(seed);
+  for (std::uint64_t& word : key) word = generator();
+  return key;
+}
+
+__extension__ typedef unsigned __int128 Product;  // NOLINT(modernize-use-using): see the keyword
+
+std::uint64_t MultiplyAndFold(std::uint64_t left, std::uint64_t right) {
+  const Product product = static_cast<Product>(left) * right;
+  return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
 // Takes in what the comparison of addresses looks at; never 0.
-std::size_t HashOf(const CZuIPAddr& addr) {
-  constexpr std::size_t kUsed = ~(std::numeric_limits<std::size_t>::max() >> 1);
-  const auto& views = addr.m_Addr.addr;
-  const bool isV4 = views.f.family == CZuIPAddr::FAMILY_IPV4;
-  return kUsed |
-         std::hash<std::string_view>()(isV4 ? BytesOf(&views.v4.sin_addr, sizeof(in_addr))
-                                            : BytesOf(&views.v6.sin6_addr, sizeof(in6_addr)));
+std::uint32_t HashOf(const CZuIPAddr& addr, const std::array<std::uint64_t, 3>& key) {
+  std::uint64_t words[2] = {};
+  if (addr.m_Addr.addr.f.family == CZuIPAddr::FAMILY_IPV4) {
+    words[0] = addr.m_Addr.addr.v4.sin_addr.s_addr;
+  } else {
+    std::memcpy(words, &addr.m_Addr.addr.v6.sin6_addr, sizeof words);
+  }
+  const std::uint64_t folded = MultiplyAndFold(words[0] ^ key[0], words[1] ^ key[1]);
+  const auto hash = static_cast<std::uint32_t>(MultiplyAndFold(folded ^ key[2], key[1] | 1));
+  return hash == 0 ? 1 : hash;
 }
 
 }  // namespace
 
-CZuIPAddrBlacklist::CZuIPAddrBlacklist() = default;
+CZuIPAddrBlacklist::CZuIPAddrBlacklist() : m_key(DrawKey(this)) {}
 
 CZuIPAddrBlacklist::~CZuIPAddrBlacklist() = default;
+
+CZuIPAddrBlacklist::Entries::iterator CZuIPAddrBlacklist::EntryOf(const Slot& slot) {
+  Entries::iterator entry;
+  std::memcpy(&entry, slot.entry.data(), sizeof entry);
+  return entry;
+}
 
 void CZuIPAddrBlacklist::SetExpirationTime(int seconds) { m_expirationTime = seconds; }
 
@@ -42,15 +72,17 @@ void CZuIPAddrBlacklist::SetGraceAttempts(unsigned int attempts) { m_graceAttemp
 
 CZuError CZuIPAddrBlacklist::AddAddressToBlacklist(const CZuIPAddr& addr, const CZuString& name) {
   const std::time_t now = std::time(nullptr);
-  const std::size_t hash = HashOf(addr);
+  const std::uint32_t hash = HashOf(addr, m_key);
   MakeRoomInIndex();
   Slot& slot = FindSlot(addr, hash);
   if (slot.hash == 0) {
     m_blacklist.push_back({addr, name, 1, now});
-    slot = {hash, std::prev(m_blacklist.end())};
+    const Entries::iterator added = std::prev(m_blacklist.end());
+    slot.hash = hash;
+    std::memcpy(slot.entry.data(), &added, sizeof added);
     return {};
   }
-  CZuIPAddrBlacklistNode& entry = *slot.entry;
+  CZuIPAddrBlacklistNode& entry = *EntryOf(slot);
   entry.m_timeAdded = now;
   entry.m_attempts = entry.m_attempts < m_graceAttempts ? entry.m_attempts + 1 : m_graceAttempts;
   return {};
@@ -66,9 +98,9 @@ bool CZuIPAddrBlacklist::IsAddressBlacklisted(const CZuIPAddr& addr, CZuString* 
                                               unsigned int* attempts) {
   if (name != nullptr) name->Clear();
   if (attempts != nullptr) *attempts = 0;
-  Slot& slot = FindSlot(addr, HashOf(addr));
+  Slot& slot = FindSlot(addr, HashOf(addr, m_key));
   if (slot.hash == 0) return false;
-  const Entries::iterator entry = slot.entry;
+  const Entries::iterator entry = EntryOf(slot);
   if (!ForgiveAttempts(entry)) {
     Remove(slot);
     return false;
@@ -109,28 +141,45 @@ CZuError CZuIPAddrBlacklist::GetNextBlacklistEntry(CZuIPAddr& addr, CZuString* n
 }
 
 CZuError CZuIPAddrBlacklist::LoadBlacklistFromFile(const char* fileName) {
+  return Load(ZU_HERE, fileName, nullptr);
+}
+
+CZuError CZuIPAddrBlacklist::LoadBlacklistFromFile(
+    const char* fileName, std::vector<CZuIPAddrBlacklistSkippedLine>& skipped) {
+  return Load(ZU_HERE, fileName, &skipped);
+}
+
+CZuError CZuIPAddrBlacklist::Load(const FXCodeLocation& where, const char* fileName,
+                                  std::vector<CZuIPAddrBlacklistSkippedLine>* skipped) {
   if (fileName == nullptr) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
+    return FXErrorUtil::ErrorWin32(where, kErrorInvalidArgument, "Null parameter passed");
   }
   const std::unique_ptr<FILE, CloseFile> file(std::fopen(fileName, "rt"));
   if (!file) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, static_cast<unsigned>(errno),
+    return FXErrorUtil::ErrorWin32(where, static_cast<unsigned>(errno),
                                    "Failed to open file, FileName=%s", fileName);
   }
   CZuString line;
   char* const buffer = line.AllocateBuffer(kLineSize);
-  if (buffer == nullptr) return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorOutOfMemory);
+  if (buffer == nullptr) return FXErrorUtil::ErrorWin32(where, kErrorOutOfMemory);
+  unsigned long number = 1;
   while (std::feof(file.get()) == 0) {
     // A read that finds nothing but the end leaves the line before in the buffer, which then counts
     // once more.
     const char* const text = std::fgets(buffer, kLineSize, file.get());
     if (text == nullptr && std::ferror(file.get()) != 0) {
-      return FXErrorUtil::ErrorWin32(ZU_HERE, static_cast<unsigned>(errno),
+      return FXErrorUtil::ErrorWin32(where, static_cast<unsigned>(errno),
                                      "Failed to read file, FileName=%s", fileName);
     }
     line.ReCalculateLength();
+    const std::size_t length = line.Length();
     line.CheckAndRemoveLastCharacter('\n');
-    if (!line.IsEmpty()) AddAllAddressesOf(line.c_str());
+    CZuError error;
+    if (!line.IsEmpty()) error = AddAllAddressesOf(where, line.c_str());
+    if (Failed(error) && skipped != nullptr && text != nullptr) {
+      skipped->push_back({number, line.c_str(), error});
+    }
+    if (line.Length() < length) ++number;
   }
   return {};
 }
@@ -148,8 +197,9 @@ bool CZuIPAddrBlacklist::ForgiveAttempts(Entries::iterator entry) {
 }
 
 void CZuIPAddrBlacklist::Remove(Slot& slot) {
-  if (m_blacklistIterator == slot.entry) m_blacklistIterator = m_blacklist.end();
-  m_blacklist.erase(slot.entry);
+  const Entries::iterator entry = EntryOf(slot);
+  if (m_blacklistIterator == entry) m_blacklistIterator = m_blacklist.end();
+  m_blacklist.erase(entry);
   // What stands behind moves up as far as it would have been put without the entry.
   const std::size_t mask = m_index.size() - 1;
   auto hole = static_cast<std::size_t>(&slot - m_index.data());
@@ -163,19 +213,20 @@ void CZuIPAddrBlacklist::Remove(Slot& slot) {
 }
 
 // The slot of the address, or the empty one where it would be.
-CZuIPAddrBlacklist::Slot& CZuIPAddrBlacklist::FindSlot(const CZuIPAddr& addr, std::size_t hash) {
+CZuIPAddrBlacklist::Slot& CZuIPAddrBlacklist::FindSlot(const CZuIPAddr& addr, std::uint32_t hash) {
   std::size_t place = hash & (m_index.size() - 1);
   while (m_index[place].hash != 0) {
     const Slot& slot = m_index[place];
-    if (slot.hash == hash && slot.entry->m_addr == addr) break;
+    if (slot.hash == hash && EntryOf(slot)->m_addr == addr) break;
     place = After(place);
   }
   return m_index[place];
 }
 
-// For one more entry.
+// For one more entry: four places in five are used at most, which keeps the way to a free one
+// short.
 void CZuIPAddrBlacklist::MakeRoomInIndex() {
-  if (m_blacklist.size() < m_index.size() / 2) return;
+  if ((m_blacklist.size() + 1) * 5 <= m_index.size() * 4) return;
   std::vector<Slot> old(2 * m_index.size());
   old.swap(m_index);
   for (const Slot& slot : old) {
@@ -186,10 +237,14 @@ void CZuIPAddrBlacklist::MakeRoomInIndex() {
   }
 }
 
-void CZuIPAddrBlacklist::AddAllAddressesOf(const char* hostName) {
+// The failure says why nothing was added.
+CZuError CZuIPAddrBlacklist::AddAllAddressesOf(const FXCodeLocation& where, const char* hostName) {
   std::vector<CZuIPAddr> addresses;
-  if (Failed(CZuIPAddr::GetAllByName(hostName, addresses, CZuIPAddr::FAMILY_ANY))) return;
+  CZuError error = CZuIPAddr::GetAllByName(hostName, addresses, CZuIPAddr::FAMILY_ANY);
+  if (Failed(error)) return error.Push(where);
+  if (addresses.empty()) return FXErrorUtil::ErrorErrNo(where, EAI_NODATA, "[%s]", hostName);
   for (const CZuIPAddr& address : addresses) {
     (void)AddAddressToBlacklist(address);  // does not fail
   }
+  return {};
 }

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <list>
+#include <string>
 #include <vector>
 
 #include "ZuNetwork/ZuIPAddr.h"
@@ -18,13 +21,21 @@ struct CZuIPAddrBlacklistNode {
   std::time_t m_timeAdded = 0;  // of the last attempt; every forgiven attempt moves it on
 };
 
+// A line of a blacklist file that added no address.
+struct CZuIPAddrBlacklistSkippedLine {
+  unsigned long m_number = 0;  // from 1
+  std::string m_text;          // as it stands in the file, control characters and all
+  CZuError m_reason;           // what the resolver said of it
+};
+
 // Addresses to be shunned, for instance after failed attempts to log in. Each attempt counts; an
 // address is blacklisted once its attempts reach the grace count. With an expiration time, one
 // attempt is forgiven for each such period since the last one, and an entry without attempts is
 // gone. All this happens when the address is asked for, by the wall clock.
 //
 // Addresses are told apart by family and address, not by port. Adding and asking take the same time
-// however long the list is. Used by one thread at a time, also for asking.
+// however long the list is, also where strangers choose the addresses: they are found by a hash
+// with a key that each object draws for itself. Used by one thread at a time, also for asking.
 class ZUNETWORK_API CZuIPAddrBlacklist {
  public:
   CZuIPAddrBlacklist();  // empty, never forgives, grace count 1
@@ -67,25 +78,39 @@ class ZUNETWORK_API CZuIPAddrBlacklist {
   // Addresses that were read before a failure stay.
   CZuError LoadBlacklistFromFile(const char* fileName);
 
+  // The same, and appends every line that added no address to `skipped`, in the order of the file,
+  // each once: the rest is listed all the same, and a program that must not run with half a list
+  // looks here. Empty lines are not among them. A line above 1023 characters is several with the
+  // same number.
+  CZuError LoadBlacklistFromFile(const char* fileName,
+                                 std::vector<CZuIPAddrBlacklistSkippedLine>& skipped);
+
  protected:
   using Entries = std::list<CZuIPAddrBlacklistNode>;
 
-  // A place of the index, empty while the hash is 0.
+  // A place of the index, empty while the hash is 0. The iterator is kept as its bytes, which need
+  // no alignment: a third of the index would be padding else.
   struct Slot {
-    std::size_t hash = 0;
-    Entries::iterator entry;
+    std::uint32_t hash = 0;
+    std::array<unsigned char, sizeof(Entries::iterator)> entry{};
   };
+
+  using Key = std::array<std::uint64_t, 3>;
 
   bool ForgiveAttempts(Entries::iterator entry);
   void Remove(Slot& slot);
   std::size_t After(std::size_t place) const { return (place + 1) & (m_index.size() - 1); }
-  Slot& FindSlot(const CZuIPAddr& addr, std::size_t hash);
+  Slot& FindSlot(const CZuIPAddr& addr, std::uint32_t hash);
   void MakeRoomInIndex();
-  void AddAllAddressesOf(const char* hostName);
+  static Entries::iterator EntryOf(const Slot& slot);
+  CZuError AddAllAddressesOf(const FXCodeLocation& where, const char* hostName);
+  CZuError Load(const FXCodeLocation& where, const char* fileName,
+                std::vector<CZuIPAddrBlacklistSkippedLine>* skipped);
 
   int m_expirationTime = 0;
   unsigned m_graceAttempts = 1;
   Entries m_blacklist;
   Entries::iterator m_blacklistIterator = m_blacklist.end();  // what GetNext returns next
-  std::vector<Slot> m_index = std::vector<Slot>(1);  // a power of two; at most half of it is in use
+  std::vector<Slot> m_index = std::vector<Slot>(2);           // a power of two; never full
+  Key m_key;
 };

@@ -24,25 +24,38 @@ void CZuString::Clear() {
   m_pszText[0] = '\0';
 }
 
+// A text on the heap needs no room inside: the capacity is kept there, which makes every string,
+// and every list of them, smaller.
+std::size_t CZuString::Capacity() const {
+  if (m_pszText == m_internal) return kInternalSize - 1;
+  std::size_t capacity;
+  std::memcpy(&capacity, m_internal, sizeof capacity);
+  return capacity;
+}
+
+// Replaces the buffer by one on the heap.
+void CZuString::TakeOver(char* text, std::size_t capacity) {
+  if (m_pszText != m_internal) delete[] m_pszText;
+  m_pszText = text;
+  std::memcpy(m_internal, &capacity, sizeof capacity);
+}
+
 char* CZuString::AllocateBuffer(std::size_t size) {
-  if (size <= m_nCapacity) return m_pszText;
+  if (size <= Capacity()) return m_pszText;
   if (size == std::numeric_limits<std::size_t>::max()) return nullptr;
   char* const text = new (std::nothrow) char[size + 1];
   if (text == nullptr) return nullptr;
   std::memcpy(text, m_pszText, m_nLength + 1);
   text[size] = '\0';  // ends a text that fills the whole buffer
-  if (m_pszText != m_internal) delete[] m_pszText;
-  m_pszText = text;
-  m_nCapacity = size;
+  TakeOver(text, size);
   return m_pszText;
 }
 
-void CZuString::ReCalculateLength() { m_nLength = strnlen(m_pszText, m_nCapacity); }
+void CZuString::ReCalculateLength() { m_nLength = strnlen(m_pszText, Capacity()); }
 
 void CZuString::CheckAndAppendLastCharacter(char last) {
   if (m_nLength > 0 && m_pszText[m_nLength - 1] == last) return;
-  if (m_nLength == m_nCapacity && AllocateBuffer(2 * m_nCapacity) == nullptr)
-    throw std::bad_alloc();
+  if (m_nLength == Capacity() && AllocateBuffer(2 * m_nLength) == nullptr) throw std::bad_alloc();
   m_pszText[m_nLength++] = last;
   m_pszText[m_nLength] = '\0';
 }
@@ -54,14 +67,10 @@ void CZuString::CheckAndRemoveLastCharacter(char last) {
 
 // `text` may be part of this string: it is read before the buffer it lies in is given up.
 void CZuString::Assign(const char* text, std::size_t length) {
-  if (length > m_nCapacity) {
-    CZuString longer;
-    if (longer.AllocateBuffer(length) == nullptr) throw std::bad_alloc();
-    longer.Assign(text, length);
-    if (m_pszText != m_internal) delete[] m_pszText;
-    m_pszText = longer.m_pszText;
-    m_nCapacity = longer.m_nCapacity;
-    longer.m_pszText = longer.m_internal;
+  if (length > Capacity()) {
+    char* const longer = new char[length + 1];
+    std::memcpy(longer, text, length);
+    TakeOver(longer, length);
   } else if (length > 0) {
     std::memmove(m_pszText, text, length);
   }

@@ -41,13 +41,14 @@ class ZUUTILS_API CZuString {
 
  private:
   void Assign(const char* text, std::size_t length);
+  std::size_t Capacity() const;
+  void TakeOver(char* text, std::size_t capacity);
 
   static constexpr std::size_t kInternalSize = 50;
 
-  char m_internal[kInternalSize] = {};
+  char m_internal[kInternalSize] = {};  // of a text on the heap, its first bytes are the capacity
   char* m_pszText = m_internal;
   std::size_t m_nLength = 0;
-  std::size_t m_nCapacity = kInternalSize - 1;
 };
 
 ZUUTILS_API bool operator==(const CZuString& left, const CZuString& right);

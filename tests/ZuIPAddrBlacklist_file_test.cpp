@@ -300,6 +300,55 @@ TEST_F(ZuIPAddrBlacklistFile, MissingMemoryForTheLineIsReported) {
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
+TEST_F(ZuIPAddrBlacklistFile, SkippedLinesAreReportedWithNumberTextAndReason) {
+  WriteFile(folder / "list", "# servers\n10.0.0.1\r\n\n10.0.0.2\n 10.0.0.3\n10.0.0.0/8\n" +
+                                 std::string(1500, 'x') + "\ncollides.example\n10.0.0.4\nlast\n");
+  std::vector<CZuIPAddrBlacklistSkippedLine> skipped(1);
+  ASSERT_OK(list.LoadBlacklistFromFile((folder / "list").c_str(), skipped));
+  EXPECT_THAT(Entries(), testing::ElementsAre("10.0.0.2*1", "10.0.0.4*1"));
+  const struct {
+    unsigned long number;
+    std::string text;
+  } expected[] = {
+      {0, ""},  // what was there before
+      {1, "# servers"},
+      {2, "10.0.0.1\r"},
+      {5, " 10.0.0.3"},
+      {6, "10.0.0.0/8"},
+      {7, std::string(1023, 'x')},
+      {7, std::string(477, 'x')},
+      {8, "collides.example"},
+      {10, "last"},  // once, though it counts twice
+  };
+  ASSERT_EQ(skipped.size(), std::size(expected));
+  for (std::size_t i = 1; i < skipped.size(); ++i) {
+    EXPECT_EQ(skipped[i].m_number, expected[i].number);
+    EXPECT_EQ(skipped[i].m_text, expected[i].text);
+    EXPECT_TRUE(Failed(skipped[i].m_reason)) << i;
+    EXPECT_THAT(skipped[i].m_reason.AsString(), testing::HasSubstr("[" + expected[i].text + "]"));
+  }
+  EXPECT_FAILS(skipped[7].m_reason, Win32Code(0xFFFFFFFE), "DNS name collision occured");
+}
+
+TEST_F(ZuIPAddrBlacklistFile, ReportingLoadsAndFailsAsWithoutIt) {
+  WriteFile(folder / "list", "10.0.0.1\nno.such.name\n10.0.0.2\n");
+  std::vector<CZuIPAddrBlacklistSkippedLine> skipped;
+  ASSERT_OK(list.LoadBlacklistFromFile((folder / "list").c_str(), skipped));
+  EXPECT_EQ(skipped.size(), 1u);
+  CZuIPAddrBlacklist plain;
+  plain.SetGraceAttempts(9);
+  ASSERT_OK(plain.LoadBlacklistFromFile((folder / "list").c_str()));
+  EXPECT_EQ(Entries(), EntriesOf(plain));
+
+  EXPECT_FAILS(list.LoadBlacklistFromFile((folder / "none").c_str(), skipped), Win32Code(ENOENT),
+               "Failed to open file, FileName=");
+  EXPECT_FAILS(list.LoadBlacklistFromFile(nullptr, skipped), Win32Code(87),
+               "Null parameter passed");
+  EXPECT_FAILS(list.LoadBlacklistFromFile(folder.Path().c_str(), skipped), Win32Code(EISDIR),
+               "Failed to read file, FileName=");
+  EXPECT_EQ(skipped.size(), 1u);
+}
+
 TEST_F(ZuIPAddrBlacklistFile, NullNameIsRefused) {
   EXPECT_FAILS(list.LoadBlacklistFromFile(nullptr), Win32Code(87), "Null parameter passed");
 }
