@@ -1,9 +1,9 @@
 #include "ZuNetwork/CurlWrapper.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include "ZuNetwork/internal/Lookup.h"
+#include "ZuNetwork/internal/OpenSslLocks.h"
 
 // libcurl's type checks on variadic calls work on its own names, which are not called here.
 #undef curl_easy_setopt
@@ -19,63 +19,6 @@ constexpr char kNoCallbackMarker[] = "/tmp/KDREMOTEFILE_NO_OPENSSL_CALLBACK";
 char gNotInitializedText[] = "CurlWrapper is not initialized.";
 char gMissingText[] = "Failed to load libcurl.";
 
-// OpenSSL before 1.1 leaves locking to the program: it names a lock by its number. The mutexes are
-// made when they are first needed and never freed, since OpenSSL may outlive this library.
-constexpr int kCryptoLock = 1;
-constexpr int kCryptoUnlock = 2;
-
-using IdCallback = unsigned long (*)();
-using LockCallback = void (*)(int mode, int n, const char* file, int line);
-using NumLocks = int (*)();
-using SetIdCallback = void (*)(IdCallback);
-using SetLockingCallback = void (*)(LockCallback);
-
-// The rest of OpenSSL's types and the functions that signing takes from it.
-struct evp_md_st;
-struct evp_md_ctx_st;
-struct stack_st_X509;
-
-using ReadPkcs12Function = PKCS12_st* (*)(std::FILE*, PKCS12_st**);
-using ParsePkcs12Function = int (*)(PKCS12_st*, const char*, evp_pkey_st**, x509_st**,
-                                    stack_st_X509**);
-using FreePkcs12 = void (*)(PKCS12_st*);
-using GetErrorLine = unsigned long (*)(const char**, int*);
-using GetDigest = const evp_md_st* (*)();
-using NewContext = evp_md_ctx_st* (*)();
-using FreeContext = void (*)(evp_md_ctx_st*);
-using DigestInit = int (*)(evp_md_ctx_st*, const evp_md_st*);
-using DigestUpdate = int (*)(evp_md_ctx_st*, const void*, size_t);
-using SignFinal = int (*)(evp_md_ctx_st*, unsigned char*, unsigned int*, evp_pkey_st*);
-using FreeCertificate = void (*)(x509_st*);
-using FreeKey = void (*)(evp_pkey_st*);
-
-using Mutex = std::atomic<pthread_mutex_t*>;
-
-Mutex ssl_kdcsec{nullptr};                    // guards the making of a lock
-std::atomic<Mutex*> ssl_kdcsec_arr{nullptr};  // one slot for each lock
-
-pthread_mutex_t* NewMutex() {
-  auto* const mutex = new pthread_mutex_t;
-  pthread_mutex_init(mutex, nullptr);
-  return mutex;
-}
-
-unsigned long id_cb() { return pthread_self(); }
-
-void lock_cb(int mode, int n, const char* /*file*/, int /*line*/) {
-  Mutex& slot = ssl_kdcsec_arr[n];
-  if (slot == nullptr) {
-    pthread_mutex_lock(ssl_kdcsec);
-    if (slot == nullptr) slot = NewMutex();
-    pthread_mutex_unlock(ssl_kdcsec);
-  }
-  if ((mode & kCryptoLock) != 0) {
-    pthread_mutex_lock(slot);
-  } else if ((mode & kCryptoUnlock) != 0) {
-    pthread_mutex_unlock(slot);
-  }
-}
-
 }  // namespace
 
 CurlWrapper CurlWrapper::gCurlWrapper;
@@ -84,10 +27,7 @@ CurlWrapper::CurlWrapper() { Init(); }
 
 CurlWrapper::~CurlWrapper() {
   if (!m_bInit) return;
-  const auto setId = Lookup<SetIdCallback>("CRYPTO_set_id_callback");
-  if (setId) setId(nullptr);
-  const auto setLocking = Lookup<SetLockingCallback>("CRYPTO_set_locking_callback");
-  if (setLocking) setLocking(nullptr);
+  RemoveOpenSslLocks(mZuLibrary);
   (void)mZuLibrary.Free();  // nobody is left to be told
   m_bInit = false;
 }
@@ -95,31 +35,24 @@ CurlWrapper::~CurlWrapper() {
 bool CurlWrapper::Init() {
   if (m_bInit) return true;
   if (Failed(mZuLibrary.Load(kLibraryName, false))) return false;
-  if (access(kNoCallbackMarker, F_OK) != 0) InstallLockCallbacks();
+  if (access(kNoCallbackMarker, F_OK) != 0) InstallOpenSslLocks(mZuLibrary);
   m_bInit = true;
   return true;
 }
 
-void CurlWrapper::InstallLockCallbacks() {
-  ssl_kdcsec = NewMutex();
-  const auto numLocks = Lookup<NumLocks>("CRYPTO_num_locks");
-  if (!numLocks) return;
-  ssl_kdcsec_arr = new Mutex[static_cast<size_t>(numLocks())]{};
-  const auto setId = Lookup<SetIdCallback>("CRYPTO_set_id_callback");
-  if (!setId) return;
-  setId(id_cb);
-  const auto setLocking = Lookup<SetLockingCallback>("CRYPTO_set_locking_callback");
-  if (setLocking) setLocking(lock_cb);
-}
-
-template <typename Function>
-Function CurlWrapper::Lookup(const char* name) const {
-  return reinterpret_cast<Function>(mZuLibrary.Find(name));
+CZuError CurlWrapper::CheckLoaded() {
+  if (Init()) return {};
+  CZuError error = mZuLibrary.Load(kLibraryName, false);
+  if (!Failed(error) && Init()) return {};  // it came meanwhile
+  return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState,
+                                 "%s; this name comes with libcurl's development package "
+                                 "(on Debian: apt-get install libcurl4-openssl-dev)",
+                                 error.Message().c_str());
 }
 
 template <typename Function>
 Function CurlWrapper::Find(const char* name) {
-  return Init() ? Lookup<Function>(name) : nullptr;
+  return Init() ? Lookup<Function>(mZuLibrary, name) : nullptr;
 }
 
 CURLcode CurlWrapper::Curl_global_init(long flags) {
@@ -320,70 +253,4 @@ CURLMcode CurlWrapper::Curl_multi_fdset(void* multi, fd_set* readSet, fd_set* wr
 CURLMcode CurlWrapper::Curl_multi_timeout(void* multi, long* milliseconds) {
   const auto timeout = FIND(curl_multi_timeout);
   return timeout ? timeout(multi, milliseconds) : CURLM_BAD_HANDLE;
-}
-
-int CurlWrapper::SignSHA256withRSA(const char* poP12Filename, const char* poStringToSign,
-                                   int iStringToSignSize, const char* poStringPassPhrase,
-                                   unsigned char* poSignature, unsigned int* iSize) {
-  if (poP12Filename == nullptr || iStringToSignSize < 0) return 0;
-  PKCS12_st* const pkcs12 = ReadPkcs12(poP12Filename);
-  if (pkcs12 == nullptr) return 0;
-  x509_st* certificate = nullptr;
-  evp_pkey_st* const key = ParsePkcs12(pkcs12, poP12Filename, poStringPassPhrase, &certificate);
-  if (const auto freePkcs12 = Lookup<FreePkcs12>("PKCS12_free")) freePkcs12(pkcs12);
-  if (key == nullptr) return 0;
-  const bool isSigned =
-      SignDigest(key, poStringToSign, static_cast<size_t>(iStringToSignSize), poSignature, iSize);
-  const auto freeCertificate = Lookup<FreeCertificate>("X509_free");
-  if (freeCertificate && certificate != nullptr) freeCertificate(certificate);
-  if (const auto freeKey = Lookup<FreeKey>("EVP_PKEY_free")) freeKey(key);
-  return isSigned ? 1 : 0;
-}
-
-PKCS12_st* CurlWrapper::ReadPkcs12(const char* fileName) {
-  std::FILE* const file = std::fopen(fileName, "r");
-  if (file == nullptr) return nullptr;
-  const auto read = Find<ReadPkcs12Function>("d2i_PKCS12_fp");
-  PKCS12_st* const pkcs12 = read ? read(file, nullptr) : nullptr;
-  std::fclose(file);
-  return pkcs12;
-}
-
-// The key, or null; a certificate comes with a key only.
-evp_pkey_st* CurlWrapper::ParsePkcs12(PKCS12_st* pkcs12, const char* fileName,
-                                      const char* passPhrase, x509_st** certificate) const {
-  const auto parse = Lookup<ParsePkcs12Function>("PKCS12_parse");
-  if (!parse) return nullptr;
-  evp_pkey_st* key = nullptr;
-  if (parse(pkcs12, passPhrase, &key, certificate, nullptr) == 1) return key;
-  if (const auto getErrorLine = Lookup<GetErrorLine>("ERR_get_error_line")) {
-    const char* file = nullptr;
-    int line = 0;
-    const unsigned long error = getErrorLine(&file, &line);
-    std::printf("Failed to parse P12 file %s, error = [%lu] file [%s] line [%d]\n", fileName, error,
-                file == nullptr ? "unknown" : file, line);
-  }
-  return nullptr;
-}
-
-bool CurlWrapper::SignDigest(evp_pkey_st* key, const void* data, size_t size,
-                             unsigned char* signature, unsigned int* signatureSize) const {
-  const auto sha256 = Lookup<GetDigest>("EVP_sha256");
-  const auto init = Lookup<DigestInit>("EVP_DigestInit");
-  const auto update = Lookup<DigestUpdate>("EVP_DigestUpdate");
-  const auto sign = Lookup<SignFinal>("EVP_SignFinal");
-  // OpenSSL 1.1 renamed the makers of contexts.
-  auto newContext = Lookup<NewContext>("EVP_MD_CTX_create");
-  const auto freeContext =
-      Lookup<FreeContext>(newContext ? "EVP_MD_CTX_destroy" : "EVP_MD_CTX_free");
-  if (!newContext) newContext = Lookup<NewContext>("EVP_MD_CTX_new");
-  if (!sha256 || !init || !update || !sign || !newContext) return false;
-
-  const evp_md_st* const method = sha256();
-  evp_md_ctx_st* const context = newContext();
-  if (context == nullptr) return false;
-  const bool isSigned = init(context, method) == 1 && update(context, data, size) == 1 &&
-                        sign(context, signature, signatureSize, key) == 1;
-  if (freeContext) freeContext(context);
-  return isSigned;
 }

@@ -6,14 +6,16 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <string>
 
 #include "ZuNetwork/ZuNetworkExport.h"
 #include "ZuUtils/ZuLibrary.h"
 
-// OpenSSL's own types, by their names in its headers, which nobody needs for this one.
-struct PKCS12_st;
-struct evp_pkey_st;
-struct x509_st;
+// Codes of SignFileSHA256withRSA(), for FXErrorUtil::IsInt.
+constexpr int kErrorNotPkcs12 = 201;   // the key file is none, or is encrypted in an unknown way
+constexpr int kErrorPassPhrase = 202;  // the pass phrase does not open it, or it is damaged
+constexpr int kErrorNoRsaKey = 203;    // it holds no key, or none for RSA
+constexpr int kErrorOpenSsl = 204;     // libcurl or OpenSSL is missing, too old, or failed
 
 // libcurl, loaded at run time. Every forwarder looks its function up by name at the moment of the
 // call, in the "libcurl.so" that the dynamic loader finds, so that a program runs without libcurl
@@ -45,6 +47,10 @@ class ZUNETWORK_API CurlWrapper {
   // OpenSSL that needs them (before 1.1) its thread-locking callbacks, unless the file
   // "/tmp/KDREMOTEFILE_NO_OPENSSL_CALLBACK" exists: with it a program keeps callbacks of its own.
   bool Init();
+
+  // The same for those who want to know why: ErrorWin32 774 with what was looked for, what the
+  // dynamic loader said, and what to install.
+  CZuError CheckLoaded();
 
   CURLcode Curl_global_init(long flags);
   void Curl_global_cleanup();
@@ -113,18 +119,16 @@ class ZUNETWORK_API CurlWrapper {
                         int iStringToSignSize, const char* poStringPassPhrase,
                         unsigned char* poSignature, unsigned int* iSize);
 
- protected:
-  PKCS12_st* ReadPkcs12(const char* fileName);
-  evp_pkey_st* ParsePkcs12(PKCS12_st* pkcs12, const char* fileName, const char* passPhrase,
-                           x509_st** certificate) const;
-  bool SignDigest(evp_pkey_st* key, const void* data, size_t size, unsigned char* signature,
-                  unsigned int* signatureSize) const;
+  // The same for a file of any size, or what a pipe gives to its end; it is never held in memory.
+  // Prints nothing and says what failed. `signature` is set only on success. Fails with
+  //   ErrorErrNo  the file, or the key file, cannot be read; the text names it
+  //   ErrorInt    one of the codes at the top of this header
+  CZuError SignFileSHA256withRSA(const std::string& p12Path, const std::string& filePath,
+                                 const std::string& passPhrase, std::string& signature);
 
+ protected:
   template <typename Function>
   Function Find(const char* name);
-  template <typename Function>
-  Function Lookup(const char* name) const;
-  void InstallLockCallbacks();
 
   std::atomic<bool> m_bInit{false};
   CZuLibrary mZuLibrary{true};

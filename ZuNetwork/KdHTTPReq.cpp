@@ -232,6 +232,11 @@ CZuError KdHTTPReq::setMethodParameter() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   switch (m_OpType) {
     case OP_UPLOAD_FILE:
+      if (m_bIsPut) {
+        SetOption(CURLOPT_UPLOAD, 1);
+        SetOption(CURLOPT_INFILESIZE_LARGE, static_cast<long long>(m_lDataSize));
+        return {};
+      }
       (void)setFormValue();  // what could be built is sent
       addRequestedHeaders("Expect", "100-continue");
       SetOption(CURLOPT_HTTPPOST, static_cast<void*>(m_FormPost));
@@ -299,6 +304,11 @@ CZuError KdHTTPReq::unsetOpTypeParameter() {
   m_formInfo.clear();
   switch (m_OpType) {
     case OP_UPLOAD_FILE:
+      if (m_bIsPut) {
+        SetOption(CURLOPT_UPLOAD, 0);
+        SetOption(CURLOPT_INFILESIZE_LARGE, -1LL);
+        return {};
+      }
       SetOption(CURLOPT_HTTPPOST, kNull);
       SetOption(CURLOPT_INFILESIZE_LARGE, 0LL);
       FreeForm();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <type_traits>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
@@ -60,8 +61,12 @@ CZuError KdProtocolReq::initialize() {
   Connection& connection = m_connections.emplace_back();
   m_szErrorBuffer = connection.errorBuffer;
   m_curlContext = &connection.context;
-  if (m_curlContext->m_curl == nullptr)
-    return ErrorKdCURL(ZU_HERE, -1, "Failed to get CURL handle");
+  if (m_curlContext->m_curl == nullptr) {
+    CZuError error = ErrorKdCURL(ZU_HERE, -1, "Failed to get CURL handle");
+    const CZuError missing = CurlWrapper::gCurlWrapper.CheckLoaded();
+    if (Failed(missing)) error.Push(ZU_HERE, "%s", missing.Message().c_str());
+    return error;
+  }
   CZuError error = setDefaultConfiguration();
   if (Failed(error)) return error.Push(ZU_HERE);
   m_bProtocolInitialized = true;
@@ -370,6 +375,31 @@ CZuError KdProtocolReq::uploadFile(const char* sourceFilePath, const char* urlPa
   return SendOperation(ZU_HERE);
 }
 
+CZuError KdProtocolReq::putFile(const std::string& sourceFilePath, const std::string& urlPath,
+                                const std::vector<commandInfo>& vCommandInfo) {
+  resetCurlErrorBuffer();
+  if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
+  if (sourceFilePath.empty()) {
+    return ErrorInt(ZU_HERE, kErrorBadInput, "Invalid source file path.");
+  }
+  if (urlPath.empty()) return ErrorInt(ZU_HERE, kErrorBadInput, "Invalid URL path.");
+  CZuError error = m_putSource.OpenSized(sourceFilePath, m_lDataSize);
+  if (Failed(error)) return error.Push(ZU_HERE);
+  setReadCallBack(&m_putSource, FileSource::Read);
+  m_strURLPath = urlPath;
+  m_OpType = OP_UPLOAD_FILE;
+  setCommandInfo(vCommandInfo);
+  m_strSourceFile = sourceFilePath;
+  m_bIsPut = true;
+  error = SendOperation(ZU_HERE);
+  m_bIsPut = false;
+  const int readError = m_putSource.GetReadError();
+  m_putSource.Close();
+  if (!Failed(error) || readError == 0) return error;
+  return error.Push(ZU_HERE, "Failed to read file [%s]: %s", sourceFilePath.c_str(),
+                    std::generic_category().message(readError).c_str());
+}
+
 CZuError KdProtocolReq::doPostOperation(const char* urlPath, const char* postString,
                                         const std::vector<commandInfo>& vCommandInfo) {
   resetCurlErrorBuffer();
@@ -616,6 +646,10 @@ void KdProtocolReq::SetCallBacks() {
   if (m_ReadFunPtr && m_KdReadCallbackInstancePtr) {
     SetCallBack(CURLOPT_READDATA, CURLOPT_READFUNCTION, m_KdReadCallbackInstancePtr, m_ReadFunPtr);
   }
+  if (m_bIsPut) {
+    SetOption(CURLOPT_SEEKDATA, static_cast<void*>(&m_putSource));
+    SetOption(CURLOPT_SEEKFUNCTION, reinterpret_cast<void*>(FileSource::Seek));
+  }
   if (m_HeaderWriteFunPtr && m_KdHeaderWriteCallbackInstancePtr) {
     SetCallBack(CURLOPT_HEADERDATA, CURLOPT_HEADERFUNCTION, m_KdHeaderWriteCallbackInstancePtr,
                 m_HeaderWriteFunPtr);
@@ -629,6 +663,10 @@ void KdProtocolReq::UnsetCallBacks() {
   }
   if (m_ReadFunPtr && m_KdReadCallbackInstancePtr) {
     SetCallBack(CURLOPT_READDATA, CURLOPT_READFUNCTION, nullptr, nullptr);
+  }
+  if (m_bIsPut) {
+    SetOption(CURLOPT_SEEKDATA, static_cast<void*>(nullptr));
+    SetOption(CURLOPT_SEEKFUNCTION, static_cast<void*>(nullptr));
   }
   if (m_HeaderWriteFunPtr && m_KdHeaderWriteCallbackInstancePtr) {
     SetCallBack(CURLOPT_HEADERDATA, CURLOPT_HEADERFUNCTION, nullptr, nullptr);

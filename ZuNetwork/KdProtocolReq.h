@@ -12,6 +12,7 @@
 
 #include "ZuNetwork/CurlWrapper.h"
 #include "ZuNetwork/KdCurlContext.h"
+#include "ZuNetwork/KdTransferIO.h"
 #include "ZuUtils/ZuError.h"
 
 namespace KdCURL {
@@ -241,6 +242,14 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError uploadFile(const char* sourceFilePath, const char* urlPath, size_t fileSize,
                       const std::vector<commandInfo>& vCommandInfo);
 
+  // Sends the file `sourceFilePath` as it is, read while it goes out and of any size: with PUT over
+  // HTTP, as uploadFile() does over FTP and SFTP. The size is that of the file; what has none (a
+  // pipe) goes out in chunks. Read callback and form fields are not used. ErrorInt 1 for an empty
+  // path; a file that cannot be opened is ErrorErrNo, and nothing is sent; one that cannot be read
+  // to its end is libcurl's code 42, with the reason.
+  CZuError putFile(const std::string& sourceFilePath, const std::string& urlPath,
+                   const std::vector<commandInfo>& vCommandInfo);
+
   // POSTs a text. The handle stays set to POST, with an empty body: a listing that follows goes out
   // as a POST, a download does not.
   CZuError doPostOperation(const char* urlPath, const char* postString,
@@ -370,6 +379,7 @@ class ZUNETWORK_API KdProtocolReq {
 
   bool m_bLenientListing = false;
   std::int64_t m_lResumeOffset = 0;  // of the next transfer
+  bool m_bIsPut = false;             // the upload that runs is that of putFile()
 
   static pthread_mutex_t* ssl_mutex;  // kept for derived classes; the base takes no lock
   static bool m_gbInit;
@@ -401,6 +411,7 @@ class ZUNETWORK_API KdProtocolReq {
   void UnsetCallBacks();
 
   std::list<Connection> m_connections;  // one for each initialize()
+  FileSource m_putSource;
   bool m_bWriteDataUnset = false;
   std::vector<CallersOption> m_callersOptions;
 };

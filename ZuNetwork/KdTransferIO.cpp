@@ -10,7 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "ZuNetwork/CurlWrapper.h"
+#include "ZuNetwork/internal/OpenFile.h"
 
 namespace KdCURL {
 
@@ -49,6 +49,15 @@ int CreateBeside(std::string& path, mode_t mode) {
     descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
   } while (descriptor == -1 && errno == EEXIST);
   return descriptor;
+}
+
+// Files of /proc report 0 bytes and hold some.
+std::int64_t SizeOf(int descriptor) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return -1;
+  char byte = 0;
+  const bool isHidden = status.st_size == 0 && pread(descriptor, &byte, 1, 0) > 0;
+  return isHidden ? -1 : status.st_size;
 }
 
 }  // namespace
@@ -184,28 +193,58 @@ FileSource::~FileSource() { Close(); }
 
 CZuError FileSource::Open(const std::string& path, std::int64_t offset) {
   Close();
-  m_descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  struct stat status;
-  int err = m_descriptor == -1 ? errno : 0;
-  if (err == 0 && fstat(m_descriptor, &status) == 0 && S_ISDIR(status.st_mode)) err = EISDIR;
-  if (err == 0 && offset != 0 && lseek(m_descriptor, offset, SEEK_SET) == -1) err = errno;
-  if (err == 0) return {};
+  CZuError error = OpenForReading(ZU_HERE, path, m_descriptor);
+  if (Failed(error) || offset == 0 || lseek(m_descriptor, offset, SEEK_SET) != -1) return error;
+  const int err = errno;
   Close();
   return ErrorErrNo(ZU_HERE, err, "Failed to open file [%s]", path.c_str());
+}
+
+CZuError FileSource::OpenSized(const std::string& path, std::int64_t& size) {
+  CZuError error = Open(path);
+  if (Failed(error)) return error.Push(ZU_HERE);
+  m_size = SizeOf(m_descriptor);
+  m_left = m_size;
+  size = m_size;
+  return {};
 }
 
 void FileSource::Close() {
   if (m_descriptor != -1) close(m_descriptor);
   m_descriptor = -1;
+  m_size = -1;
+  m_readError = 0;
 }
 
 size_t FileSource::Read(char* buffer, size_t size, size_t count, void* instance) {
-  const int descriptor = static_cast<FileSource*>(instance)->m_descriptor;
+  auto* const source = static_cast<FileSource*>(instance);
+  size_t wanted = size * count;
+  if (source->m_size != -1) wanted = std::min<std::uint64_t>(wanted, source->m_left);
+  if (wanted == 0) return 0;
+  const ssize_t length = source->ReadOnce(buffer, wanted);
+  if (length == -1) return CURL_READFUNC_ABORT;
+  source->m_left -= length;
+  return static_cast<size_t>(length);
+}
+
+ssize_t FileSource::ReadOnce(char* buffer, size_t size) {
   ssize_t length = 0;
   do {
-    length = read(descriptor, buffer, size * count);
+    length = read(m_descriptor, buffer, size);
   } while (length == -1 && errno == EINTR);
-  return length == -1 ? CURL_READFUNC_ABORT : static_cast<size_t>(length);
+  if (length == -1) m_readError = errno;
+  if (length != 0 || m_size == -1) return length;
+  m_readError = ENODATA;
+  return -1;
+}
+
+int FileSource::Seek(void* instance, curl_off_t offset, int origin) {
+  auto* const source = static_cast<FileSource*>(instance);
+  if (origin != SEEK_SET || lseek(source->m_descriptor, offset, SEEK_SET) == -1) {
+    return CURL_SEEKFUNC_CANTSEEK;
+  }
+  if (source->m_size != -1) source->m_left = std::max<std::int64_t>(0, source->m_size - offset);
+  return CURL_SEEKFUNC_OK;
 }
 
 size_t MemorySource::Read(char* buffer, size_t size, size_t count, void* instance) {

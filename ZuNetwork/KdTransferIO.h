@@ -1,10 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-#include "ZuNetwork/ZuNetworkExport.h"
+#include "ZuNetwork/CurlWrapper.h"
 #include "ZuUtils/ZuError.h"
 
 namespace KdCURL {
@@ -79,7 +81,7 @@ class ZUNETWORK_API StringSink {
   bool m_isOverLimit = false;
 };
 
-// Sends a file of any size.
+// Sends a file of any size, which is never held in memory.
 class ZUNETWORK_API FileSource {
  public:
   FileSource() = default;
@@ -89,12 +91,30 @@ class ZUNETWORK_API FileSource {
 
   // Opens the file to be read from the byte `offset` on; one that is open is closed before.
   CZuError Open(const std::string& path, std::int64_t offset = 0);
+
+  // Opens the file for a request that tells the size beforehand: so many bytes are given even when
+  // the file grows meanwhile; one that becomes shorter ends the transfer, with ENODATA. `size` is
+  // -1 where it is not known beforehand: for pipes, devices and most files of /proc.
+  CZuError OpenSized(const std::string& path, std::int64_t& size);
+
   void Close();
+
+  // The errno value that ended the reading, 0 when none did.
+  int GetReadError() const { return m_readError; }
 
   static std::size_t Read(char* buffer, std::size_t size, std::size_t count, void* instance);
 
+  // For CURLOPT_SEEKFUNCTION: a body that has to be sent once more, after a redirect or a request
+  // for a login, goes from its start.
+  static int Seek(void* instance, curl_off_t offset, int origin);
+
  private:
+  ssize_t ReadOnce(char* buffer, std::size_t size);
+
   int m_descriptor = -1;
+  std::int64_t m_size = -1;  // of a sized file; -1: to the end
+  std::int64_t m_left = 0;   // of m_size
+  int m_readError = 0;
 };
 
 // Sends bytes of the caller's, which need to live as long as the object is used.

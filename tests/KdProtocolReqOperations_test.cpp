@@ -1,6 +1,7 @@
 #include "ZuNetwork/KdProtocolReq.h"
 #include "fakes/TestReq.h"
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -344,7 +345,12 @@ TEST(KdProtocolReqAbsent, InitializeFailsUntilLibcurlAppears) {
   folder.Run([&] {
     TestReq req;
     req.setURL("s");
-    EXPECT_FAILS(req.initialize(), 0xFFFFFFFF, "Failed to get CURL handle");
+    const CZuError error = req.initialize();
+    EXPECT_FAILS(error, 0xFFFFFFFF, "Failed to get CURL handle");
+    EXPECT_THAT(
+        error.AsString(),
+        AllOf(HasSubstr("-Failed to get CURL handle\n"), HasSubstr("Failed to load [libcurl.so]: "),
+              HasSubstr("file too short"), HasSubstr("apt-get install libcurl4-openssl-dev")));
     EXPECT_FAILS(req.download("p", {}), IntCode(1), "not initialized yet");
     EXPECT_TRUE(req.checkConnection());
     std::string out = "stale";

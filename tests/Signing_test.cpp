@@ -1,4 +1,6 @@
 #include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +11,7 @@
 #include <vector>
 
 #include "ZuNetwork/CurlWrapper.h"
+#include "support/Expect.h"
 #include "support/Process.h"
 #include "support/TempDir.h"
 
@@ -74,10 +77,24 @@ class Keys {
   // Whether openssl takes the signature for that of the data by the key.
   bool IsGood(int bits, const std::string& data, const std::string& signature) {
     WriteFile(m_folder / "data", data);
+    return IsGoodFor(bits, m_folder / "data", signature);
+  }
+
+  // The same for a signature of a file.
+  bool IsGoodFor(int bits, const std::string& file, const std::string& signature) {
     WriteFile(m_folder / "signature", signature);
     return Run({"sh", "-c", "openssl dgst -sha256 -verify \"$1\" -signature \"$2\" \"$3\" || true",
-                "sh", Key(bits) + ".pub", m_folder / "signature", m_folder / "data"}) ==
-           "Verified OK\n";
+                "sh", Key(bits) + ".pub", m_folder / "signature", file}) == "Verified OK\n";
+  }
+
+  // A PKCS#12 file of a key for elliptic curves.
+  std::string CurveKey(const std::string& passPhrase) {
+    const std::string key = m_folder / "curve.key";
+    Run({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+         "-nodes", "-keyout", key, "-subj", "/CN=signer", "-out", key + ".pem"});
+    Run({"openssl", "pkcs12", "-export", "-in", key + ".pem", "-inkey", key, "-passout",
+         "pass:" + passPhrase, "-out", key + ".p12"});
+    return key + ".p12";
   }
 
   std::string File(const std::string& name, const std::string& contents) {
@@ -96,17 +113,36 @@ class Signing : public testing::Test {
   static void SetUpTestSuite() { m_keys = std::make_unique<Keys>(); }
   static void TearDownTestSuite() { m_keys.reset(); }
 
+  // Signs the file with whatever key it is; nothing may be printed meanwhile, and the signature is
+  // left alone when that fails.
+  CZuError SignFile(const std::string& key, const std::string& file,
+                    const std::string& passPhrase = "secret") {
+    m_signature = "as it was";
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    CZuError error =
+        CurlWrapper::gCurlWrapper.SignFileSHA256withRSA(key, file, passPhrase, m_signature);
+    EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
+    if (Failed(error)) {
+      EXPECT_EQ(m_signature, "as it was");
+    }
+    return error;
+  }
+
   static std::unique_ptr<Keys> m_keys;
+  std::string m_signature;
 };
 
 std::unique_ptr<Keys> Signing::m_keys;
 
-// What the probe and a variant of the fakes print, line by line.
+// What the probe and a variant of the fakes print, line by line; with a file to sign it signs that.
 std::vector<std::string> Probe(const std::string& variant,
-                               const std::vector<std::string>& environment = {}) {
+                               const std::vector<std::string>& environment = {},
+                               const std::string& file = "") {
   std::vector<std::string> command = {"env", "LD_LIBRARY_PATH=" FAKE_SIGNING_DIR "/" + variant};
   command.insert(command.end(), environment.begin(), environment.end());
   command.insert(command.end(), {SIGNING_PROBE, "/dev/null"});
+  if (!file.empty()) command.push_back(file);
   std::vector<std::string> lines;
   const std::string output = Run(command);
   for (size_t start = 0, end; (end = output.find('\n', start)) != std::string::npos;
@@ -401,4 +437,113 @@ TEST(SigningFunctions, ACertificateThatComesWithoutAKeyIsNotFreed) {
   EXPECT_THAT(Probe("complete", {"FAKE_SIGNING_NO_KEY=1"}),
               ElementsAre("d2i_PKCS12_fp", "PKCS12_parse", "pass phrase secret", "PKCS12_free",
                           "result 0 ?"));
+}
+
+TEST_F(Signing, AFileIsSignedAsItsBytesAre) {
+  const std::string key = m_keys->Pkcs12(3072, "secret");
+  for (const std::string& data :
+       {std::string(), std::string("a\0b\n", 4), std::string(300'000, 'x')}) {
+    SCOPED_TRACE(data.size());
+    ASSERT_OK(SignFile(key, m_keys->File("to sign", data)));
+    EXPECT_EQ(m_signature, Sign(key.c_str(), data, "secret").signature);
+  }
+}
+
+TEST_F(Signing, AFileBeyondTheRangeOfAnIntIsSignedWithoutHoldingIt) {
+  const std::string key = m_keys->Pkcs12(2048, "secret");
+  const std::string file = m_keys->File("large", "");
+  constexpr std::uintmax_t kSize = (std::uintmax_t{1} << 31) + 5;
+  std::filesystem::resize_file(file, kSize);  // a hole
+  ASSERT_OK(SignFile(key, file));
+  rusage usage{};
+  ASSERT_EQ(getrusage(RUSAGE_SELF, &usage), 0);
+  EXPECT_LT(usage.ru_maxrss, 1 << 20) << "kilobytes";
+  EXPECT_TRUE(m_keys->IsGoodFor(2048, file, m_signature));
+}
+
+TEST_F(Signing, WhatAPipeGivesIsSignedToItsEnd) {
+  const std::string key = m_keys->Pkcs12(2048, "secret");
+  const std::string pipe = m_keys->File("pipe", "");
+  std::filesystem::remove(pipe);
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::thread writer([&] { WriteFile(pipe, "piped"); });
+  EXPECT_OK(SignFile(key, pipe));
+  writer.join();
+  EXPECT_TRUE(m_keys->IsGood(2048, "piped", m_signature));
+}
+
+TEST_F(Signing, TheCausesOfAFailureAreToldApart) {
+  const std::string good = m_keys->Pkcs12(2048, "secret");
+  const std::string data = m_keys->File("data to sign", "data");
+  const std::string bytes = ReadFile(good);
+  const std::string half = m_keys->File("half", bytes.substr(0, bytes.size() / 2));
+  const struct {
+    std::string key;
+    std::string file;
+    const char* passPhrase;
+    unsigned code;
+    std::string text;
+  } cases[] = {
+      {good, "/absent/file", "secret", ErrNoCode(ENOENT), "Failed to open file [/absent/file]"},
+      {good, "/", "secret", ErrNoCode(EISDIR), "Failed to open file [/]"},
+      {"/absent/key", data, "secret", ErrNoCode(ENOENT), "Failed to open file [/absent/key]"},
+      {"/", data, "secret", ErrNoCode(EISDIR), "Failed to read file [/]"},
+      {data, data, "secret", IntCode(201), "[" + data + "] is no PKCS#12 file"},
+      {half, data, "secret", IntCode(201), "[" + half + "] is no PKCS#12 file"},
+      {"/dev/null", data, "secret", IntCode(201), "[/dev/null] is no PKCS#12 file"},
+      {good, data, "Secret", IntCode(202), "The pass phrase does not open [" + good + "]"},
+      {good, data, "", IntCode(202), "The pass phrase does not open [" + good + "]"},
+      {m_keys->Pkcs12(2048, "secret", {"-legacy"}), data, "secret", IntCode(201),
+       "OpenSSL 3 does not read old kinds of encryption"},
+      {m_keys->Pkcs12(2048, "secret", {"-nokeys"}), data, "secret", IntCode(203),
+       "holds no RSA key"},
+      {m_keys->CurveKey("secret"), data, "secret", IntCode(203), "holds no RSA key"},
+  };
+  for (const auto& [key, file, passPhrase, code, text] : cases) {
+    SCOPED_TRACE(text);
+    EXPECT_FAILS(SignFile(key, file, passPhrase), code, text.c_str());
+  }
+  EXPECT_OK(SignFile(good, data)) << "none of these is in the way";
+}
+
+TEST_F(Signing, AFailureLeavesNothingInTheListOfErrorsOfOpenSsl) {
+  const std::string good = m_keys->Pkcs12(2048, "secret");
+  const std::string data = m_keys->File("data to sign", "data");
+  const std::string damaged = m_keys->File("damaged", "not a key");
+  EXPECT_FAILS(SignFile(good, data, "wrong"), IntCode(202), "");
+  EXPECT_FAILS(SignFile(damaged, data), IntCode(201), "");
+  CZuLibrary openSsl(true);
+  ASSERT_OK(openSsl.Load("libcrypto.so.3", false));
+  const auto peek = reinterpret_cast<unsigned long (*)()>(openSsl.Find("ERR_peek_error"));
+  ASSERT_TRUE(peek);
+  EXPECT_EQ(peek(), 0UL);
+}
+
+TEST(SigningFunctions, AFileNeedsThemAllToo) {
+  TempDir folder;
+  const std::string file = folder / "file";
+  WriteFile(file, "data");
+  EXPECT_THAT(Probe("complete", {}, file),
+              ElementsAre("d2i_PKCS12_fp", "PKCS12_parse", "pass phrase secret", "PKCS12_free",
+                          "EVP_sha256", "EVP_MD_CTX_create", "EVP_DigestInit", "EVP_DigestUpdate",
+                          "data data", "EVP_SignFinal", "EVP_MD_CTX_destroy", "X509_free",
+                          "EVP_PKEY_free", "00000000  signed"));
+  for (const char* const function :
+       {"d2i_PKCS12_fp", "PKCS12_parse", "EVP_sha256", "EVP_DigestInit", "EVP_DigestUpdate",
+        "EVP_SignFinal", "EVP_PKEY_size"}) {
+    SCOPED_TRACE(function);
+    const std::vector<std::string> lines = Probe(std::string("without_") + function, {}, file);
+    EXPECT_THAT(lines.back(), MatchesRegex("E00200CC OpenSSL cannot sign: it lacks .* \\?"));
+  }
+  for (const char* const function : {"EVP_DigestInit", "EVP_DigestUpdate", "EVP_SignFinal"}) {
+    SCOPED_TRACE(function);
+    const std::vector<std::string> lines =
+        Probe("complete", {std::string("FAKE_SIGNING_FAILS=") + function}, file);
+    EXPECT_THAT(lines.back(), MatchesRegex("E00200CC OpenSSL cannot sign: .* \\?"));
+    EXPECT_THAT(lines, testing::Contains("EVP_MD_CTX_destroy"));
+    EXPECT_THAT(lines, testing::Contains("EVP_PKEY_free"));
+  }
+  EXPECT_THAT(Probe("absent", {}, file).back(),
+              MatchesRegex("E00200CC OpenSSL cannot sign: Failed to load \\[libcurl.so\\]: .*"
+                           "apt-get install libcurl4-openssl-dev.* \\?"));
 }

@@ -20,7 +20,8 @@ endfunction()
 
 fake_signing(complete)
 foreach(function d2i_PKCS12_fp PKCS12_parse ERR_get_error_line PKCS12_free EVP_sha256 EVP_DigestInit
-                 EVP_DigestUpdate EVP_SignFinal X509_free EVP_PKEY_free)
+                 EVP_DigestUpdate EVP_SignFinal X509_free EVP_PKEY_free EVP_PKEY_base_id
+                 EVP_PKEY_size)
   fake_signing(without_${function} ${function})
 endforeach()
 fake_signing(without_new_names EVP_MD_CTX_new EVP_MD_CTX_free)

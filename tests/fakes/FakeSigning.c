@@ -1,7 +1,8 @@
 // A libcurl.so that brings along nothing but OpenSSL's signing functions. Each writes its name to
 // standard output and fails when the environment's FAKE_SIGNING_FAILS names it. PKCS12_parse gives
 // no key when FAKE_SIGNING_NO_KEY is set, and ERR_get_error_line no file when FAKE_SIGNING_NO_FILE
-// is. As OpenSSL does, EVP_DigestInit fails without a digest.
+// is. As OpenSSL does, EVP_DigestInit fails without a digest. What only tells of a key is silent;
+// its functions have the names of before OpenSSL 3.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,6 +49,16 @@ unsigned long ERR_get_error_line(const char** file, int* line) {
 void PKCS12_free(void* pkcs12) {
   Check(pkcs12, &gPkcs12);
   Succeeds("PKCS12_free");
+}
+
+int EVP_PKEY_base_id(const void* key) {
+  Check(key, &gKey);
+  return 6;
+}
+
+int EVP_PKEY_size(const void* key) {
+  Check(key, &gKey);
+  return 8;
 }
 
 const void* EVP_sha256(void) { return Succeeds("EVP_sha256") ? &gDigest : NULL; }
