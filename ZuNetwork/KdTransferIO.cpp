@@ -1,14 +1,15 @@
 #include "ZuNetwork/KdTransferIO.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstring>
-#include <filesystem>
 
 #include "ZuNetwork/internal/OpenFile.h"
 
@@ -16,26 +17,44 @@ namespace KdCURL {
 
 namespace {
 
-namespace fs = std::filesystem;
 using FXErrorUtil::ErrorErrNo;
 
-// Where symbolic links lead, even to a name that does not exist yet.
-std::string FollowLinks(const std::string& path, std::error_code& failure) {
-  constexpr int kMostLinks = 40;
-  fs::path target = path;
-  for (int links = 0; fs::is_symlink(target, failure); ++links) {
-    if (links == kMostLinks)
-      failure = std::make_error_code(std::errc::too_many_symbolic_link_levels);
-    if (!failure) target = target.parent_path() / fs::read_symlink(target, failure);
-    if (failure) return {};
-  }
-  failure.clear();  // what is absent is no link
-  return target;
+bool IsLink(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
-bool IsRegularOrAbsent(const std::string& path) {
-  std::error_code failure;
-  return !fs::exists(path, failure) || fs::is_regular_file(path, failure);
+bool IsEmpty(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && status.st_size == 0;
+}
+
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// The name of an open file without links; empty when it has none.
+std::string NameOf(int descriptor) {
+  std::string name(PATH_MAX, '\0');
+  const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+  const ssize_t length = readlink(link.c_str(), name.data(), name.size());
+  name.resize(length > 0 ? static_cast<size_t>(length) : 0);
+  struct stat named;
+  struct stat opened;
+  const bool isThere = stat(name.c_str(), &named) == 0 && fstat(descriptor, &opened) == 0;
+  return isThere && IsSameFile(named, opened) ? name : "";
+}
+
+// Brings a new name to the disk. A folder that may be written but not read, or a file system that
+// cannot do it, leaves the name to the system's own time.
+int SyncFolderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  const int descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor == -1) return 0;
+  const int err = fsync(descriptor) == 0 || errno == EINVAL ? 0 : errno;
+  close(descriptor);
+  return err;
 }
 
 // A new file beside `path`, which becomes its name. The system takes the umask off `mode`; a
@@ -62,83 +81,126 @@ std::int64_t SizeOf(int descriptor) {
 
 }  // namespace
 
-FileSink::~FileSink() {
-  if (m_isOwner) close(m_descriptor);
+FileSink::~FileSink() { GiveUp(); }
+
+// Drops what is not complete; the object is then as good as new.
+void FileSink::GiveUp() {
+  (void)CloseFile();  // what was written counts no more
+  if (m_lock != -1) close(m_lock);
   if (!m_temporaryPath.empty() && !m_isKept) unlink(m_temporaryPath.c_str());
+  if (m_isPlaceholder && IsEmpty(m_path)) unlink(m_path.c_str());
+  m_temporaryPath.clear();
+  m_lock = -1;
+  m_isKept = m_isPlaceholder = m_isCommitted = m_isDirect = false;
+  m_mode = -1;
+  m_writeError = 0;
+}
+
+// 0 or an errno value. The system gives the number up even when it reports a failure.
+int FileSink::CloseFile() {
+  const int err = m_isOwner && close(m_descriptor) != 0 ? errno : 0;
+  m_isOwner = false;
+  m_descriptor = -1;
+  return err;
 }
 
 CZuError FileSink::Open(const std::string& path) {
-  CZuError error = Locate(path);
-  if (!Failed(error)) error = IsRegularOrAbsent(m_path) ? OpenBeside() : OpenDirectly();
-  if (Failed(error)) error.Push(ZU_HERE);
+  CZuError error = Locate(ZU_HERE, path);
+  if (!Failed(error)) error = m_isDirect ? OpenDirectly(ZU_HERE) : OpenBeside(ZU_HERE);
   return error;
-}
-
-CZuError FileSink::Locate(const std::string& path) {
-  if (m_descriptor != -1) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
-  }
-  if (path.empty()) return ErrorErrNo(ZU_HERE, ENOENT, "Failed to open file []");
-  std::error_code failure;
-  m_path = FollowLinks(path, failure);
-  if (failure) {
-    return ErrorErrNo(ZU_HERE, failure.value(), "Failed to follow [%s]", path.c_str());
-  }
-  m_isKept = false;
-  return {};
-}
-
-CZuError FileSink::OpenDirectly() {
-  m_descriptor = open(m_path.c_str(), O_WRONLY | O_CLOEXEC);
-  if (m_descriptor == -1) {
-    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", m_path.c_str());
-  }
-  m_isOwner = true;
-  return {};
-}
-
-CZuError FileSink::OpenBeside() {
-  struct stat status;
-  const bool isReplaced = stat(m_path.c_str(), &status) == 0;
-  std::string path = m_path;
-  m_descriptor = CreateBeside(path, isReplaced ? 0600 : 0666);
-  if (m_descriptor == -1) {
-    return ErrorErrNo(ZU_HERE, errno, "Failed to create a file beside [%s]", m_path.c_str());
-  }
-  m_isOwner = true;
-  m_temporaryPath = path;
-  if (!isReplaced || fchmod(m_descriptor, status.st_mode & 07777) == 0) return {};
-  return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
 }
 
 CZuError FileSink::OpenForResume(const std::string& path, std::int64_t& offset) {
-  CZuError error = Locate(path);
-  if (!Failed(error)) {
-    error = IsRegularOrAbsent(m_path) ? OpenPart(offset) : OpenDirectly();
-  }
-  if (Failed(error)) error.Push(ZU_HERE);
+  CZuError error = Locate(ZU_HERE, path);
+  if (!Failed(error)) error = m_isDirect ? OpenDirectly(ZU_HERE) : OpenPart(ZU_HERE, offset);
   return error;
 }
 
-CZuError FileSink::OpenPart(std::int64_t& offset) {
-  const std::string path = m_path + ".part";
-  struct stat part;
-  m_descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+// Finds the file that the path leads to, and whether it is there. Links are followed by the kernel,
+// which refuses those that somebody planted in a folder for everybody.
+CZuError FileSink::Locate(const FXCodeLocation& where, const std::string& path) {
+  if (m_isOwner) return FXErrorUtil::ErrorWin32(where, kErrorInvalidState, "File already open");
+  GiveUp();
+  if (path.empty()) return ErrorErrNo(where, ENOENT, "Failed to open file []");
+  const bool isLink = IsLink(path);
+  m_path = path;
+  int found = open(path.c_str(), O_PATH | O_CLOEXEC);
+  if (found == -1 && errno == ENOENT && !isLink) return {};  // a new file
+  if (found == -1 && errno == ENOENT) {
+    found = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    m_isPlaceholder = found != -1;
+  }
+  if (found == -1) return ErrorErrNo(where, errno, "Failed to follow [%s]", path.c_str());
+  struct stat status {};
+  fstat(found, &status);
+  m_isDirect = !S_ISREG(status.st_mode);
+  m_mode = static_cast<int>(status.st_mode & 0777);
+  if (isLink && !m_isDirect) m_path = NameOf(found);
+  close(found);
+  if (!m_path.empty()) return {};
+  m_isPlaceholder = false;
+  return ErrorErrNo(where, ENOENT, "Failed to follow [%s]", path.c_str());
+}
+
+CZuError FileSink::OpenDirectly(const FXCodeLocation& where) {
+  m_descriptor = open(m_path.c_str(), O_WRONLY | O_CLOEXEC);
   m_isOwner = m_descriptor != -1;
-  if (!m_isOwner || fstat(m_descriptor, &part) != 0) {
-    return ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path.c_str());
+  if (m_isOwner) return {};
+  return ErrorErrNo(where, errno, "Failed to open file [%s]", m_path.c_str());
+}
+
+CZuError FileSink::OpenBeside(const FXCodeLocation& where) {
+  std::string path = m_path;
+  m_descriptor = CreateBeside(path, m_mode == -1 ? 0666 : 0600);
+  m_isOwner = m_descriptor != -1;
+  if (m_isOwner) {
+    m_temporaryPath = path;
+    return {};
   }
-  m_isKept = true;
-  m_temporaryPath = path;
-  struct stat replaced;
-  if (stat(m_path.c_str(), &replaced) == 0 && fchmod(m_descriptor, replaced.st_mode & 07777) != 0) {
-    return ErrorErrNo(ZU_HERE, errno, "Failed to set the permissions of [%s]", path.c_str());
+  CZuError error = ErrorErrNo(where, errno, "Failed to create a file beside [%s]", m_path.c_str());
+  GiveUp();
+  return error;
+}
+
+CZuError FileSink::OpenPart(const FXCodeLocation& where, std::int64_t& offset) {
+  const std::string path = m_path + ".part";
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  m_descriptor = open(path.c_str(), kFlags, m_mode == -1 ? 0666 : 0600);
+  m_isOwner = m_descriptor != -1;
+  CZuError error;
+  if (m_isOwner) {
+    error = LockPart(where, path, offset);
+  } else {
+    error = ErrorErrNo(where, errno, "Failed to open file [%s]", path.c_str());
   }
-  offset = part.st_size;
+  if (Failed(error)) {
+    GiveUp();
+  } else {
+    m_temporaryPath = path;
+    m_isKept = true;
+  }
+  return error;
+}
+
+// The lock hangs on a second descriptor, so that it outlives the closing of the file until the file
+// has its name.
+CZuError FileSink::LockPart(const FXCodeLocation& where, const std::string& path,
+                            std::int64_t& offset) {
+  m_lock = fcntl(m_descriptor, F_DUPFD_CLOEXEC, 0);
+  struct stat opened {};
+  struct stat named {};
+  int err = m_lock == -1 || flock(m_lock, LOCK_EX | LOCK_NB) != 0 ? errno : 0;
+  if (err == 0 && (fstat(m_lock, &opened) != 0 || lstat(path.c_str(), &named) != 0)) err = errno;
+  if (err == 0 && !S_ISREG(opened.st_mode)) err = EEXIST;
+  // Who held the lock before may have renamed the file when it was complete.
+  if (err == ENOENT || (err == 0 && !IsSameFile(opened, named))) err = EWOULDBLOCK;
+  if (err != 0) return ErrorErrNo(where, err, "Failed to lock file [%s]", path.c_str());
+  offset = opened.st_size;
   return {};
 }
 
 void FileSink::Use(int descriptor) {
+  GiveUp();
   m_descriptor = descriptor;
   m_path = "descriptor " + std::to_string(descriptor);
 }
@@ -148,6 +210,7 @@ size_t FileSink::Write(char* data, size_t size, size_t count, void* instance) {
 }
 
 bool FileSink::WriteAll(const char* data, size_t size) {
+  if (m_descriptor == -1) return false;
   while (size > 0) {
     const ssize_t count = write(m_descriptor, data, size);
     if (count >= 0) {
@@ -162,21 +225,40 @@ bool FileSink::WriteAll(const char* data, size_t size) {
 }
 
 CZuError FileSink::Commit() {
+  if (m_isCommitted) return {};
+  if (m_descriptor == -1) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "No file is open");
+  }
+  CZuError error;
   if (m_writeError != 0) {
-    return ErrorErrNo(ZU_HERE, m_writeError, "Failed to write file [%s]", m_path.c_str());
+    error = ErrorErrNo(ZU_HERE, m_writeError, "Failed to write file [%s]", m_path.c_str());
+  } else if (m_isOwner) {
+    error = Finish(ZU_HERE);
+  } else {
+    return {};  // the descriptor stays in use
   }
-  if (!m_isOwner) return {};
-  m_isOwner = false;
-  const int descriptor = m_descriptor;
-  m_descriptor = -1;
-  if (close(descriptor) != 0) {
-    return ErrorErrNo(ZU_HERE, errno, "Failed to write file [%s]", m_path.c_str());
+  GiveUp();
+  m_isCommitted = !Failed(error);
+  return error;
+}
+
+CZuError FileSink::Finish(const FXCodeLocation& where) {
+  const bool isBeside = !m_temporaryPath.empty();
+  if (isBeside && m_mode != -1 && fchmod(m_descriptor, static_cast<mode_t>(m_mode)) != 0) {
+    return ErrorErrNo(where, errno, "Failed to set the permissions of [%s]",
+                      m_temporaryPath.c_str());
   }
-  if (m_temporaryPath.empty()) return {};
+  int err = isBeside && fsync(m_descriptor) != 0 ? errno : 0;
+  if (err == 0) err = CloseFile();
+  if (err != 0) return ErrorErrNo(where, err, "Failed to write file [%s]", m_path.c_str());
+  if (!isBeside) return {};
   if (rename(m_temporaryPath.c_str(), m_path.c_str()) != 0) {
-    return ErrorErrNo(ZU_HERE, errno, "Failed to replace file [%s]", m_path.c_str());
+    return ErrorErrNo(where, errno, "Failed to replace file [%s]", m_path.c_str());
   }
   m_temporaryPath.clear();
+  m_isPlaceholder = false;
+  err = SyncFolderOf(m_path);
+  if (err != 0) return ErrorErrNo(where, err, "Failed to write the folder of [%s]", m_path.c_str());
   return {};
 }
 

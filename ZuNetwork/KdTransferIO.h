@@ -24,10 +24,15 @@ namespace KdCURL {
 // code 42. An object serves one request at a time and is used by one thread. A failed system call
 // is ErrorErrNo with the path in the message.
 
-// Receives into a file that appears under its name only when it is complete: until Commit() the
-// bytes lie in a temporary file beside it, which the destructor removes. A symbolic link is
-// followed and stays; the permissions of a file that is replaced stay too. A name that is no
-// regular file (a device, a pipe) is written to directly.
+// Receives into a file that appears under its name only when it is complete and on the disk: until
+// Commit() the bytes lie in a temporary file beside it, which is removed when the sink is
+// destroyed, opened anew or told to use something else. The permissions of a file that is replaced
+// stay, but for set-id bits; owner and group become those of the process. A name that is no regular
+// file (a device, a pipe) is written to directly.
+//
+// A symbolic link is followed by the system, with the system's protection of links in folders that
+// everybody may write, and stays a link; where it leads to nothing an empty file stands until
+// Commit(). Temporary files are never links. To replace a file its folder has to be writable.
 class ZUNETWORK_API FileSink {
  public:
   FileSink() = default;
@@ -35,31 +40,48 @@ class ZUNETWORK_API FileSink {
   FileSink(const FileSink&) = delete;
   FileSink& operator=(const FileSink&) = delete;
 
+  // ErrorWin32 774 while a file is open; it then stays open.
   CZuError Open(const std::string& path);
 
   // Goes on with what an interrupted download left in the file "`path`.part", which also stays when
   // this one is interrupted. `offset` is what is there, for KdProtocolReq::setResumeOffset(); it is
-  // left alone where there can be no such file: beside a device or a pipe.
+  // left alone where there can be no such file: beside a device or a pipe. The file is locked by
+  // flock(2) as long as it is open: EWOULDBLOCK when another sink, here or in another process, has
+  // it. A symbolic link of that name is ELOOP.
   CZuError OpenForResume(const std::string& path, std::int64_t& offset);
 
-  // Writes to a descriptor of the caller's, such as standard output, which stays open.
+  // Writes to a descriptor of the caller's, such as standard output, which stays open. A file that
+  // is open is given up.
   void Use(int descriptor);
 
-  // Gives the file its name and closes it; tells the reason when bytes could not be written.
+  // Brings the bytes to the disk, gives the file its name and closes it; tells the reason when that
+  // cannot be done, and then gives the file up. Once more after a success it does nothing;
+  // ErrorWin32 774 when nothing was opened. Of a descriptor it only tells whether all could be
+  // written.
   CZuError Commit();
 
+  // Takes nothing (libcurl's code 23) while no file is open.
   static std::size_t Write(char* data, std::size_t size, std::size_t count, void* instance);
 
  private:
-  CZuError Locate(const std::string& path);
-  CZuError OpenDirectly();
-  CZuError OpenBeside();
-  CZuError OpenPart(std::int64_t& offset);
+  CZuError Locate(const FXCodeLocation& where, const std::string& path);
+  CZuError OpenDirectly(const FXCodeLocation& where);
+  CZuError OpenBeside(const FXCodeLocation& where);
+  CZuError OpenPart(const FXCodeLocation& where, std::int64_t& offset);
+  CZuError LockPart(const FXCodeLocation& where, const std::string& path, std::int64_t& offset);
   bool WriteAll(const char* data, std::size_t size);
+  CZuError Finish(const FXCodeLocation& where);
+  int CloseFile();
+  void GiveUp();
 
   int m_descriptor = -1;
+  int m_lock = -1;  // the part's, on a descriptor of its own
   bool m_isOwner = false;
-  bool m_isKept = false;  // the temporary file, when it is not complete
+  bool m_isKept = false;         // the temporary file, when it is not complete
+  bool m_isPlaceholder = false;  // the file at m_path: it was made for a link that led to nothing
+  bool m_isCommitted = false;
+  bool m_isDirect = false;  // the target is no regular file
+  int m_mode = -1;          // permissions of the file to replace; -1: there is none
   int m_writeError = 0;
   std::string m_path;
   std::string m_temporaryPath;  // empty when the target is written directly
