@@ -1,9 +1,9 @@
 #include "ZuNetwork/KdFTPReq.h"
 
 #include <memory>
-#include <string_view>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
+#include "ZuNetwork/internal/KdListing.h"
 #include "ZuUtils/FXString.h"
 #include "ZuUtils/ZuFile.h"
 
@@ -12,22 +12,6 @@ namespace KdCURL {
 namespace {
 
 using FXErrorUtil::ErrorInt;
-
-void CollectLines(std::string_view content, bool isLenient, std::vector<FileDirInfo>& entries) {
-  const std::string_view lineEnd = isLenient ? "\n" : "\r\n";
-  for (size_t end = content.find(lineEnd); end != std::string_view::npos;
-       end = content.find(lineEnd)) {
-    std::string_view name = content.substr(0, end);
-    content.remove_prefix(end + lineEnd.size());
-    if (isLenient) {
-      if (!name.empty() && name.back() == '\r') name.remove_suffix(1);
-      if (name.empty() || name == "." || name == "..") continue;
-    }
-    FileDirInfo entry;
-    entry.name = name;
-    entries.push_back(std::move(entry));
-  }
-}
 
 }  // namespace
 
@@ -232,7 +216,8 @@ CZuError KdFTPReq::collectFilesAndDir(const std::string& fileName,
     return error.Push(ZU_HERE, "Failed to close the response file [%s]", fileName.c_str());
   }
   if (buffer == nullptr) return ErrorInt(ZU_HERE, kErrorBadInput, "NULL buffer from ReadWholeFile");
-  CollectLines(buffer, m_bLenientListing, *vFilDirList);
+  if (m_bLenientListing) return ReadNamesLeniently(ZU_HERE, {buffer, length}, *vFilDirList);
+  ReadNames(buffer, *vFilDirList);
   return {};
 }
 

@@ -27,12 +27,18 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
 
   ~KdFTPReq() override;
 
-  // Reads a listing of names, one a line, lines ending in CR LF; a last line without it is ignored.
-  // Every entry is reported as a directory (`isFile` false), since names tell no more; IsFile()
-  // does. `sourcePath` is not used. A lenient listing takes lines that end in LF alone, as libcurl
-  // delivers them, and drops "." and "..".
-  //   ErrorInt 1  null list
-  //   else        the file cannot be read
+  // Appends the entries of a listing of names, one a line. Every entry is reported as a directory
+  // (`isFile` false), since names tell no more; IsFile() does. `sourcePath` is not used.
+  //
+  //                    strict (the default)           lenient (setLenientListing)
+  //   a line ends in   CR LF                          LF, as libcurl delivers it, or CR LF
+  //   without an end   the last line is ignored       the last line counts
+  //   a name           the line as it is, also empty  what can be that of a file: not empty, "."
+  //                                                   or "..", without slash or control character
+  //   a zero byte      ends the listing               ErrorInt 101, with its position
+  //
+  // A strict name is what the server wrote: before a program makes a path of it, or shows it, it
+  // has to look. ErrorInt 1 for a null list; a file that cannot be read has its own error.
   CZuError collectFilesAndDir(const std::string& fileName, std::vector<FileDirInfo>* vFilDirList,
                               std::string sourcePath) override;
 

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
+#include "ZuNetwork/internal/KdListing.h"
 #include "ZuUtils/FXPath.h"
 #include "ZuUtils/FXString.h"
 #include "ZuUtils/ZuFile.h"
@@ -15,7 +16,6 @@ using FXErrorUtil::ErrorInt;
 
 constexpr std::string_view kSchemeEnd = "://";
 constexpr std::string_view kServerConfiguration = "web.config";  // servers list it but keep it
-constexpr char kInvalidListing[] = "Invalid HTTP Reponse. Parsing the reponse file failed.";
 
 bool StartsWith(const std::string& text, std::string_view prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
@@ -29,63 +29,6 @@ bool Contains(const std::string& text, std::string_view part) {
 size_t EndOfScheme(const std::string& url) {
   const size_t position = url.find(kSchemeEnd);
   return position == std::string::npos ? 0 : position + kSchemeEnd.size();
-}
-
-// What stands behind the last slash, not counting one at the end.
-std::string_view LastComponent(std::string_view target) {
-  if (!target.empty() && target.back() == '/') target.remove_suffix(1);
-  return target.substr(target.rfind('/') + 1);
-}
-
-// An ampersand is the one character of a URL that pages write as an entity.
-void UnescapeAmpersands(std::string& target) {
-  constexpr std::string_view kEntity = "&amp;";
-  for (size_t at = target.find(kEntity); at != std::string::npos;
-       at = target.find(kEntity, at + 1)) {
-    target.replace(at, kEntity.size(), 1, '&');
-  }
-}
-
-// Walks the links of a page. Upper-case markers go first: a lower-case one counts only when no
-// upper-case one lies ahead, which needs to be found out just once.
-class LinkFinder {
- public:
-  static constexpr size_t kMarkerLength = 6;
-
-  explicit LinkFinder(std::string_view content) : m_content(content) {}
-
-  size_t FindFrom(size_t position) {
-    if (m_hasUpperCase) {
-      const size_t found = m_content.find("HREF=\"", position);
-      if (found != std::string::npos) return found;
-      m_hasUpperCase = false;
-    }
-    return m_content.find("href=\"", position);
-  }
-
- private:
-  std::string_view m_content;
-  bool m_hasUpperCase = true;
-};
-
-// Whether the page's first link leads to the parent directory or to the listed directory itself.
-// The text in brackets may stand anywhere behind the link.
-bool LeadsOutOfListing(std::string_view content, size_t endOfTarget, std::string_view target,
-                       const std::string& sourcePath) {
-  const size_t open = content.find('[', endOfTarget);
-  const size_t close = open == std::string::npos ? open : content.find(']', open);
-  if (close == std::string::npos) return target == sourcePath;
-  return content.compare(open, close + 1 - open, "[To Parent Directory]") == 0;
-}
-
-// Whether a link of a listing, as servers write them, leads to an entry of the listed folder: not
-// to a sorted view (a query), a place on the page, another site, the folder itself or one above it.
-bool LeadsToEntry(std::string_view target, const std::string& folder) {
-  if (target.find_first_of("?#") != std::string::npos) return false;
-  if (target.find(':') < target.find('/')) return false;
-  const std::string_view name = LastComponent(target);
-  if (name.empty() || name == "." || name == "..") return false;
-  return target.front() != '/' || target.back() != '/' || !StartsWith(folder, target);
 }
 
 }  // namespace
@@ -368,55 +311,24 @@ CZuError KdHTTPReq::collectFilesAndDir(const std::string& fileName,
   if (Failed(error)) return error.Push(ZU_HERE, "Failed to read response file.");
   if (buffer == nullptr) return ErrorInt(ZU_HERE, kErrorBadInput, "Content buffer is NULL");
   const std::unique_ptr<char[]> owner(buffer);
-  const std::string_view content(buffer);
-  const size_t firstLink = LinkFinder(content).FindFrom(0);
-  if (firstLink == std::string_view::npos) return {};
-  error = CollectLinks(ZU_HERE, content, firstLink, sourcePath, *vFilDirList);
+  if (m_bLenientListing) {
+    error = ReadPageLeniently(ZU_HERE, {buffer, length}, sourcePath, *vFilDirList);
+  } else {
+    if (!HasLinks(buffer)) return {};
+    const FXCodeLocation where = ZU_HERE;
+    const auto take = [&](const std::string& name, bool isFile) {
+      FileDirInfo entry{name, isFile};
+      CZuError failure = URLDecode(entry.name, entry.name);
+      if (Failed(failure)) return failure.Push(where);
+      if (entry.name != kServerConfiguration) vFilDirList->push_back(std::move(entry));
+      return failure;
+    };
+    error = ReadPage(where, buffer, sourcePath, take);
+  }
   if (Failed(error)) return error;
   error = file.Close();
   if (Failed(error)) error.Push(ZU_HERE);
   return error;
-}
-
-CZuError KdHTTPReq::CollectLinks(const FXCodeLocation& where, std::string_view content,
-                                 size_t firstLink, const std::string& sourcePath,
-                                 std::vector<FileDirInfo>& entries) {
-  LinkFinder links(content);
-  std::string unescaped;
-  for (size_t link = firstLink; link != std::string_view::npos;) {
-    const size_t start = link + LinkFinder::kMarkerLength;
-    const size_t end = content.find('"', start);
-    if (end == std::string_view::npos) return ErrorInt(where, kErrorNotSupported, kInvalidListing);
-    std::string_view target = content.substr(start, end - start);
-    bool isEntry = link != firstLink || !LeadsOutOfListing(content, end, target, sourcePath);
-    if (m_bLenientListing) {
-      unescaped = target;
-      UnescapeAmpersands(unescaped);
-      target = unescaped;
-      isEntry = isEntry && LeadsToEntry(target, sourcePath);
-    }
-    if (isEntry) {
-      CZuError error = CollectLink(where, target, entries);
-      if (Failed(error)) return error;
-    }
-    link = links.FindFrom(end);
-  }
-  return {};
-}
-
-CZuError KdHTTPReq::CollectLink(const FXCodeLocation& where, std::string_view target,
-                                std::vector<FileDirInfo>& entries) {
-  const bool isFile = target.at(target.size() - 1) != '/';  // raises for an empty target
-  if (!isFile) target.remove_suffix(1);
-  const size_t slash = target.rfind('/');
-  if (!m_bLenientListing && slash == std::string_view::npos) {
-    return ErrorInt(where, kErrorNotSupported, kInvalidListing);
-  }
-  FileDirInfo entry{std::string(target.substr(slash + 1)), isFile};  // all of it without a slash
-  CZuError error = URLDecode(entry.name, entry.name);
-  if (Failed(error)) return error.Push(where);
-  if (entry.name != kServerConfiguration) entries.push_back(std::move(entry));
-  return {};
 }
 
 }  // namespace KdCURL

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string_view>
-
 #include "ZuNetwork/KdProtocolReq.h"
 
 namespace KdCURL {
@@ -35,16 +33,33 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
 
   ~KdHTTPReq() override;
 
-  // Reads the links of a listing page: the last component of each target, decoded, a directory when
-  // it ends in a slash; sizes are 0. Left out are a first link to the parent directory (followed by
-  // "[To Parent Directory]") or to `sourcePath` itself, and "web.config". While an upper-case HREF
-  // lies ahead, lower-case ones are passed over. Entries found before a failure stay in the list:
-  //   ErrorInt 1    null list
-  //   ErrorInt 101  a link without closing quote, or whose target has no slash (a relative link)
-  //   else          the file cannot be read
-  // An empty target raises std::out_of_range.
-  // A lenient listing takes relative links too, and drops those to parent directories, to the
-  // folder `sourcePath` and those above it, to other sites, queries and fragments.
+  // Appends the entries of a listing page, in its order, with size 0. Sorted out is
+  //
+  //                       strict (the default)                lenient (setLenientListing)
+  //   what is a link      HREF="..." or href="...", anywhere  the href of an <a>, however written
+  //   of both cases       lower-case ones count only behind   all count
+  //                       the last upper-case one
+  //   its name            the last component of the target,   the target in the listed folder,
+  //                       percent-decoded                     entities and percents decoded
+  //   a directory         when the target ends in a slash     the same
+  //   left out            "web.config"; the first link, when  "web.config"; what is not directly
+  //                       the first text in brackets behind   in the folder `sourcePath` (a path
+  //                       it is "[To Parent Directory]", or   or URL): links to folders above or
+  //                       when there is none and it is        below, to other sites, queries and
+  //                       `sourcePath` itself                 places on the page; names that are
+  //                                                           none of a file (see below)
+  //   a relative target   ErrorInt 101                        is in the folder
+  //   an empty target     raises std::out_of_range            left out
+  //   a missing quote     ErrorInt 101                        ErrorInt 101, as a tag without end
+  //   a zero byte         ends the page                       ErrorInt 101, with its position
+  //
+  // A strict name is what the server wrote: it may be "..", hold slashes ("%2f"), line ends and
+  // escape characters. Before a program makes a path of it, or shows it, it has to look. A lenient
+  // one is that of a file: not empty, "." or "..", without slash or control character.
+  // "colon:name.txt" is a name; what begins with a scheme that browsers know ("mailto:") is none.
+  //
+  // Entries found before a failure stay in the list. ErrorInt 1 for a null list; a file that cannot
+  // be read has its own error.
   CZuError collectFilesAndDir(const std::string& fileName, std::vector<FileDirInfo>* vFilDirList,
                               std::string sourcePath) override;
 
@@ -87,10 +102,6 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
   CZuError SetPostBuffer(const FXCodeLocation& where);
   CZuError SetCustomRequest(const FXCodeLocation& where);
   void FreeForm();
-  CZuError CollectLinks(const FXCodeLocation& where, std::string_view content, size_t firstLink,
-                        const std::string& sourcePath, std::vector<FileDirInfo>& entries);
-  CZuError CollectLink(const FXCodeLocation& where, std::string_view target,
-                       std::vector<FileDirInfo>& entries);
 
   std::string m_postBody;  // what the handle points to after a POST of a buffer
 };

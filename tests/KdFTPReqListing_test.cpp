@@ -68,18 +68,16 @@ TEST_F(KdFTPReqListing, ListingsAreLinesThatEndInCrLf) {
     Names lenient;
   } rows[] = {
       {"", {}, {}},
-      {"a.txt\r\ndir1\r\nlast", {"a.txt", "dir1"}, {"a.txt", "dir1"}},
+      {"a.txt\r\ndir1\r\nlast", {"a.txt", "dir1"}, {"a.txt", "dir1", "last"}},
       {"a.txt\r\n\r\nb\r\n", {"a.txt", "", "b"}, {"a.txt", "b"}},
       {"a.txt\ndir1\n", {}, {"a.txt", "dir1"}},
       {"a.txt\ndir1\r\n", {"a.txt\ndir1"}, {"a.txt", "dir1"}},
-      {"a\rb\r\n", {"a\rb"}, {"a\rb"}},
-      {"a\r\r\n", {"a\r"}, {"a\r"}},
-      {" a b \t\r\n", {" a b \t"}, {" a b \t"}},
+      {"a\rb\r\n", {"a\rb"}, {}},
+      {"a\r\r\n", {"a\r"}, {}},
+      {" a b \t\r\n", {" a b \t"}, {}},
       {"%41%s%n\r\n", {"%41%s%n"}, {"%41%s%n"}},
       {".\r\n..\r\n...\r\n", {".", "..", "..."}, {"..."}},
-      {"a\r\n" + std::string(1, '\0') + "b\r\n", {"a"}, {"a"}},
-      {std::string(1, '\0') + "b\r\n", {}, {}},
-      {"last", {}, {}},
+      {"last", {}, {"last"}},
       {"\r\n", {""}, {}},
       {"web.config\r\n\xFF\r\n", {"web.config", "\xFF"}, {"web.config", "\xFF"}},
       {std::string(100000, 'x') + "\r\n", {std::string(100000, 'x')}, {std::string(100000, 'x')}},
@@ -91,6 +89,17 @@ TEST_F(KdFTPReqListing, ListingsAreLinesThatEndInCrLf) {
     req->setLenientListing(true);
     EXPECT_EQ(Collect(text), lenient);
   }
+}
+
+TEST_F(KdFTPReqListing, AZeroByteEndsAStrictListingAndIsAnErrorInALenientOne) {
+  const std::string text("a\r\n\0b\r\n", 7);
+  EXPECT_THAT(Collect(text), testing::ElementsAre("a"));
+  EXPECT_THAT(Collect(std::string(1, '\0') + "b\r\n"), IsEmpty());
+  req->setLenientListing(true);
+  std::vector<KdCURL::FileDirInfo> entries;
+  EXPECT_FAILS(req->collectFilesAndDir(Saved(text), &entries, ""), IntCode(101),
+               "Zero byte at position 3 of the listing");
+  EXPECT_THAT(entries, IsEmpty());
 }
 
 TEST_F(KdFTPReqListing, AFileThatLooksEmptyIsReadAsSuch) {
