@@ -1,11 +1,30 @@
 // Sends a text to an echo server and prints what comes back: echo_client HOST PORT TEXT
 #include <ZuNetwork/ZuSocket.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace {
+
+// [connect]
+// A name may have several addresses, and a server need not listen on the first one.
+CZuError Connect(const char* host, int port, CZuSocket& socket) {
+  std::vector<CZuIPAddr> addresses;
+  CZuError error = CZuIPAddr::GetAllByName(host, addresses, CZuIPAddr::FAMILY_ANY);
+  if (Failed(error)) return error.Push(ZU_HERE, "No address of %s", host);
+  error = FXErrorUtil::ErrorErrNo(ZU_HERE, EADDRNOTAVAIL);
+  for (CZuIPAddr& address : addresses) {
+    error = address.SetPortNumber(port);
+    if (!Failed(error)) error = socket.Connect(address);
+    if (!Failed(error)) return {};
+    socket.Close();  // no destructor does it
+  }
+  return error.Push(ZU_HERE, "No connection to %s, port %d", host, port);
+}
+// [connect]
 
 // [echo_client]
 CZuError Exchange(const CZuSocket& socket, const std::string& text, std::string& reply) {
@@ -22,14 +41,10 @@ CZuError Exchange(const CZuSocket& socket, const std::string& text, std::string&
 }
 
 CZuError Ask(const char* host, int port, const std::string& text, std::string& reply) {
-  CZuIPAddr address;
-  CZuError error = CZuIPAddr::GetByName(host, address, CZuIPAddr::FAMILY_ANY);
-  if (!Failed(error)) error = address.SetPortNumber(port);
-  if (Failed(error)) return error.Push(ZU_HERE, "No address of %s", host);
   CZuSocket socket;
-  error = socket.Connect(address);
+  CZuError error = Connect(host, port, socket);
   if (!Failed(error)) error = Exchange(socket, text, reply);
-  socket.Close();  // no destructor does it
+  socket.Close();
   if (Failed(error)) error.Push(ZU_HERE);
   return error;
 }

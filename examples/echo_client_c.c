@@ -6,22 +6,26 @@
 #include <string.h>
 
 /* [echo_client_c] */
+static int connect_to_address(ZUNET_SockAddr* address, KDSOCKET* sock) {
+  int err = ZUNET_socket(address->addr.f.family, sock);
+  if (err != 0) return err;
+  err = ZUNET_connect(*sock, address);
+  if (err != 0) ZUNET_close(*sock);
+  return err;
+}
+
+/* A name may have several addresses, and a server need not listen on the first one. */
 static int connect_to(const char* host, int port, KDSOCKET* sock) {
   ZUNET_HostEnt found;
-  ZUNET_SockAddr address;
+  int i;
   int err = ZUNET_name2ip(host, &found, AF_UNSPEC);
   if (err != 0) return err;
-  if (found.addr_count == 0) {
-    ZUNET_freehostent(&found);
-    return EADDRNOTAVAIL;
+  err = EADDRNOTAVAIL;
+  for (i = 0; err != 0 && i < found.addr_count; ++i) {
+    ZUNET_setport(&found.addr_list[i], port);
+    err = connect_to_address(&found.addr_list[i], sock);
   }
-  address = found.addr_list[0];
   ZUNET_freehostent(&found);
-  ZUNET_setport(&address, port);
-  err = ZUNET_socket(address.addr.f.family, sock);
-  if (err != 0) return err;
-  err = ZUNET_connect(*sock, &address);
-  if (err != 0) ZUNET_close(*sock);
   return err;
 }
 

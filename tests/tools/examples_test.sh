@@ -112,6 +112,27 @@ test_echo() {
   done
 }
 
+test_second_address() {
+  local client
+  local private=(unshare --mount)
+  ((EUID == 0)) || private+=(--map-root-user)
+  printf '::1 two\n127.0.0.1 two\n' >"$folder/hosts"
+  # shellcheck disable=SC2016  # the inner shell's
+  private+=(sh -c 'mount --bind "$0" /etc/hosts && exec "$@"' "$folder/hosts")
+  if ! "${private[@]}" true; then
+    [[ ${CI:-} != true ]] || fail "no right to give a name two addresses"
+    echo "left out: no right to give a name two addresses"
+    return
+  fi
+  start_server echo_server # on IPv4 alone, which is the second
+  for client in echo_client echo_client_c; do
+    expect_status 0 "${private[@]}" "$programs/example_$client" two "$port" hello
+    expect "$client" hello "$(<"$folder/out")"
+    expect_status 1 "${private[@]}" "$programs/example_$client" two 1 hello
+    expect_match "nobody on either" "Connection refused" "$(<"$folder/err")"
+  done
+}
+
 test_chat() {
   local i
   start_server chat_server
@@ -182,6 +203,7 @@ test_cidr
 test_interfaces
 test_ping
 test_echo
+test_second_address
 test_chat
 test_guard
 echo "all examples did what they should"
