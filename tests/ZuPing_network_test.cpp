@@ -98,7 +98,7 @@ void OnSleep(const ZuSleepCallBackStruct& sleep) {
 class ZuPingNetwork : public testing::Test {
  protected:
   void SetUp() override {
-    MAKE_NETWORK_OR_SKIP(network);
+    MakeNetwork(network);
     gFaults = Faults();
     gClock.clear();
     gSleeps = 0;

@@ -37,7 +37,7 @@ constexpr std::uint8_t kParameterProblem = 12;
 class ZuPingOwn : public testing::Test {
  protected:
   void SetUp() override {
-    MAKE_NETWORK_OR_SKIP(network);
+    MakeNetwork(network);
     probe.setOwnRepliesOnly(true);
   }
 

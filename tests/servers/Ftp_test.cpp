@@ -134,11 +134,12 @@ TEST_F(Ftp, ASourceThatIsNotAsLongAsSaidIsAnError) {
 
 TEST_F(Ftp, WhatCannotBeDoneTellsWhy) {
   WriteFile(m_server.Root() / "closed/file", "kept");
-  fs::permissions(m_server.Root() / "closed", fs::perms{0755});
+  fs::permissions(m_server.Root() / "closed/file", fs::perms{0444});
+  fs::permissions(m_server.Root() / "closed", fs::perms{0555});
   WriteFile(m_server.Login() / "kept", "kept");
   fs::permissions(m_server.Login() / "kept", fs::perms{0444});
   WriteFile(m_server.Login() / "secret", "secret");
-  fs::permissions(m_server.Login() / "secret", fs::perms{0600});
+  fs::permissions(m_server.Login() / "secret", fs::perms{});
 
   EXPECT_FAILS(m_request.Get("absent"), TransferCode(CURLE_REMOTE_FILE_NOT_FOUND), "[78]");
   EXPECT_EQ(m_request.ResponseCode(), 0);
@@ -151,6 +152,7 @@ TEST_F(Ftp, WhatCannotBeDoneTellsWhy) {
   EXPECT_FAILS(Upload("new", "/closed/sub/file"), TransferCode(CURLE_REMOTE_ACCESS_DENIED), "[9]");
   EXPECT_EQ(Stored("closed/file"), "kept");
   EXPECT_OK(m_request.Get("a.txt"));
+  fs::permissions(m_server.Root() / "closed", fs::perms{0755});  // to be removed
 }
 
 TEST_F(Ftp, AWrongPasswordIsRefused) {

@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 #include <system_error>
+
+#include "support/LeaveOut.h"
 
 namespace {
 
@@ -12,29 +15,62 @@ namespace fs = std::filesystem;
 constexpr int kBob = 65533;
 constexpr int kNoGroup = 65534;
 
-// The password is s3cret.
-constexpr char kShadow[] =
-    "bob:$6$zunetwork$fXe38am8xSM4UlU3znhh/Kdn6KqV1X2LT4LiD/sSUEwRaGZnjqB7Y7bH/DYdtAas."
-    "gkVXEYSQXkVQBkSHcoq20:19000:0:99999:7:::\n";
+// As passwd(5) has it without a shadow file. The password is s3cret.
+constexpr char kPassword[] =
+    "$6$zunetwork$fXe38am8xSM4UlU3znhh/Kdn6KqV1X2LT4LiD/sSUEwRaGZnjqB7Y7bH/DYdtAas."
+    "gkVXEYSQXkVQBkSHcoq20";
 
-constexpr char kPam[] = "auth required pam_unix.so nodelay\naccount required pam_unix.so\n";
+bool IsRoot() { return geteuid() == 0; }
 
-// $1 is the folder with the account files; the program and its arguments follow.
-constexpr char kRun[] = R"(cd "$1" && shift &&
-mount --bind passwd /etc/passwd && mount --bind shadow /etc/shadow &&
-mount --bind pam /etc/pam.d/vsftpd && mount -t tmpfs tmpfs /run && mkdir -m 755 /run/sshd &&
-exec "$@")";
+std::string Library(const std::string& name) {
+  return FindServerFile("/usr/lib/x86_64-linux-gnu/" + name);
+}
 
-// The command that runs `program` where bob exists; his home is `home`.
+// The command that runs `program` where bob exists, as root or as the user who runs the test; his
+// home is `home`.
 std::vector<std::string> WithBob(const TempDir& folder, const std::string& home,
                                  const std::vector<std::string>& program) {
+  const uid_t user = IsRoot() ? kBob : geteuid();
+  const gid_t group = IsRoot() ? kNoGroup : getegid();
   fs::permissions(folder.Path(), fs::perms{0711});
-  WriteFile(folder / "passwd", ReadFile("/etc/passwd") + "bob:x:" + std::to_string(kBob) + ":" +
-                                   std::to_string(kNoGroup) + ":Bob:" + home + ":/bin/sh\n");
-  WriteFile(folder / "shadow", kShadow);
-  WriteFile(folder / "pam", kPam);
-  std::vector<std::string> command = {"unshare", "--mount", "--propagation", "private", "sh", "-c",
-                                      kRun,      "sh",      folder.Path()};
+  WriteFile(folder / "passwd", ReadFile("/etc/passwd") + "bob:" + kPassword + ":" +
+                                   std::to_string(user) + ":" + std::to_string(group) +
+                                   ":Bob:" + home + ":/bin/sh\n");
+  std::vector<std::string> command = {
+      "env", "LD_PRELOAD=" + Library("libnss_wrapper.so") + ":" + Library("libuid_wrapper.so"),
+      "NSS_WRAPPER_PASSWD=" + (folder / "passwd").string(), "NSS_WRAPPER_GROUP=/etc/group"};
+  command.insert(command.end(), program.begin(), program.end());
+  command[4] = FindProgram(command[4]);
+  return command;
+}
+
+// vsftpd wants to be root, who shows a client nothing but its folder and then becomes its user. An
+// ordinary user is root in a namespace of his own, where there is nobody else to become: there a
+// library lets vsftpd believe that it did. Files stay as closed as they are to their owner.
+std::vector<std::string> AsRoot(const std::vector<std::string>& program) {
+  if (IsRoot()) return program;
+  std::vector<std::string> command = {"unshare",
+                                      "--user",
+                                      "--map-root-user",
+                                      "setpriv",
+                                      "--bounding-set=-dac_override,-dac_read_search",
+                                      "env",
+                                      "UID_WRAPPER=1",
+                                      "UID_WRAPPER_ROOT=1"};
+  try {
+    Run({"unshare", "--user", "--map-root-user", "true"});
+  } catch (const std::runtime_error& error) {
+    LeaveOut(std::string("vsftpd needs root or a user namespace: ") + error.what());
+  }
+  command.insert(command.end(), program.begin(), program.end());
+  return command;
+}
+
+// sshd serves one user alone when it runs as that one, and needs no privilege for it.
+std::vector<std::string> AsBob(const std::vector<std::string>& program) {
+  if (!IsRoot()) return program;
+  std::vector<std::string> command = {"setpriv", "--reuid=" + std::to_string(kBob),
+                                      "--regid=" + std::to_string(kNoGroup), "--clear-groups"};
   command.insert(command.end(), program.begin(), program.end());
   return command;
 }
@@ -44,13 +80,10 @@ void MakeForBob(const fs::path& path) {
   GiveToBob(path);
 }
 
-void MakeKey(const fs::path& path) {
-  Run({"ssh-keygen", "-q", "-t", "ecdsa", "-m", "PEM", "-N", "", "-f", path});
-}
-
 }  // namespace
 
 void GiveToBob(const fs::path& path) {
+  if (!IsRoot()) return;
   if (lchown(path.c_str(), kBob, kNoGroup) != 0) {
     throw std::system_error(errno, std::generic_category(), path.string());
   }
@@ -60,7 +93,6 @@ FtpServer::FtpServer(const std::string& directives) {
   const std::string folder = Folder().Path();
   MakeForBob(Root());
   MakeForBob(Login());
-  fs::create_directories(Folder() / "empty");
   WriteFile(Folder() / "vsftpd.log", "");  // it is made at the first connection only
   WriteFile(Folder() / "vsftpd.conf", R"(listen=YES
 listen_address=127.0.0.1
@@ -77,16 +109,16 @@ isolate=NO
 isolate_network=NO
 connect_from_port_20=NO
 pasv_address=127.0.0.1
-pam_service_name=vsftpd
+pam_service_name=other
 delay_failed_login=0
 max_per_ip=0
 log_ftp_protocol=YES
 xferlog_enable=YES
-vsftpd_log_file=)" + folder + "/vsftpd.log\nsecure_chroot_dir=" +
-                                          folder + "/empty\nlisten_port=" + std::to_string(Port()) +
-                                          "\n" + directives);
+secure_chroot_dir=/proc
+vsftpd_log_file=)" + folder + "/vsftpd.log\nlisten_port=" +
+                                          std::to_string(Port()) + "\n" + directives);
   // The "/./" ends the part of the path that clients do not see.
-  Start(WithBob(Folder(), Root() / "." / "login", {"/usr/sbin/vsftpd", Folder() / "vsftpd.conf"}));
+  Start(AsRoot(WithBob(Folder(), Root() / "." / "login", {"vsftpd", Folder() / "vsftpd.conf"})));
 }
 
 FtpServer::FtpServer(const Certificate& certificate, const std::string& directives)
@@ -99,7 +131,11 @@ FtpServer::FtpServer(const Certificate& certificate, const std::string& directiv
 SftpServer::SftpServer() {
   const std::string folder = Folder().Path();
   MakeForBob(Login());
-  for (const char* const key : {"host", "client", "other"}) MakeKey(Folder() / key);
+  for (const char* const key : {"host", "client", "other"}) {
+    // It works for nobody who has no name.
+    Run(WithBob(Folder(), Login(),
+                {"ssh-keygen", "-q", "-t", "ecdsa", "-m", "PEM", "-N", "", "-f", Folder() / key}));
+  }
   WriteFile(Folder() / "sshd.conf", "Port " + std::to_string(Port()) + "\nHostKey " + folder +
                                         "/host\nAuthorizedKeysFile " + folder + R"(/client.pub
 ListenAddress 127.0.0.1
@@ -110,11 +146,14 @@ PasswordAuthentication yes
 MaxStartups 100
 Subsystem sftp internal-sftp
 )");
-  Start(WithBob(Folder(), Login(), {"/usr/sbin/sshd", "-D", "-e", "-f", Folder() / "sshd.conf"}));
+  GiveToBob(Folder() / "host");
+  GiveToBob(Folder() / "sshd.conf");
+  Start(AsBob(WithBob(Folder(), Login(), {"sshd", "-D", "-e", "-f", Folder() / "sshd.conf"})));
 }
 
 std::string SftpServer::HostKeyHash() const {
-  const std::string line = Run({"ssh-keygen", "-l", "-E", "sha256", "-f", Folder() / "host.pub"});
+  const std::string line = Run(WithBob(
+      Folder(), Login(), {"ssh-keygen", "-l", "-E", "sha256", "-f", Folder() / "host.pub"}));
   constexpr char kName[] = "SHA256:";
   const size_t start = line.find(kName) + sizeof kName - 1;
   return line.substr(start, line.find(' ', start) - start);
@@ -132,10 +171,12 @@ ServerName localhost
 ErrorLog /dev/stderr
 User nobody
 Group nogroup
-LoadModule mpm_prefork_module /usr/lib/apache2/modules/mod_mpm_prefork.so
-LoadModule authz_core_module /usr/lib/apache2/modules/mod_authz_core.so
-LoadModule autoindex_module /usr/lib/apache2/modules/mod_autoindex.so
-LoadModule dir_module /usr/lib/apache2/modules/mod_dir.so
+Define modules )" + FindServerFile("/usr/lib/apache2/modules") +
+                               R"(
+LoadModule mpm_prefork_module ${modules}/mod_mpm_prefork.so
+LoadModule authz_core_module ${modules}/mod_authz_core.so
+LoadModule autoindex_module ${modules}/mod_autoindex.so
+LoadModule dir_module ${modules}/mod_dir.so
 )" + directives);
   Start({"apache2", "-D", "FOREGROUND", "-f", configuration});
 }

@@ -6,8 +6,8 @@
 #include "support/Servers.h"
 
 // Servers of files that log users in: bob with the password s3cret, who exists for these servers
-// alone. They see account files of their own, in a mount namespace, so that tests that use them
-// need to be run by root.
+// alone: a library that is loaded before theirs shows them an account file of the test's. For an
+// ordinary user who runs the tests, bob is that user by another name.
 
 // vsftpd. Clients see Root() as "/" and begin in Login(); both belong to bob.
 class FtpServer : public Server {
@@ -46,5 +46,5 @@ class ApacheServer : public Server {
   explicit ApacheServer(const std::string& directives);
 };
 
-// Gives the file or folder to bob.
+// Gives the file or folder to bob, unless it is his as everything that the tests make.
 void GiveToBob(const std::filesystem::path& path);

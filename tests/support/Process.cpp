@@ -26,17 +26,6 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-std::string FindProgram(const std::string& name) {
-  if (name.find('/') != std::string::npos) return name;
-  const char* const path = getenv("PATH");
-  std::string folders = (path == nullptr ? std::string() : path) + ":/usr/sbin:/usr/local/sbin:";
-  for (size_t end; (end = folders.find(':')) != std::string::npos; folders.erase(0, end + 1)) {
-    std::string program = folders.substr(0, end) + "/" + name;
-    if (end != 0 && access(program.c_str(), X_OK) == 0) return program;
-  }
-  throw std::runtime_error(name + " is not installed");
-}
-
 std::runtime_error SystemError(const std::string& what, int err) {
   return std::runtime_error(what + ": " + strerror(err));
 }
@@ -98,6 +87,23 @@ bool Reserve(int port) {
 }
 
 }  // namespace
+
+std::string FindProgram(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  const char* const path = getenv("PATH");
+  std::string folders = UNPACKED_SERVERS "/bin:" + (path == nullptr ? std::string() : path) +
+                        ":/usr/sbin:/usr/local/sbin:";
+  for (size_t end; (end = folders.find(':')) != std::string::npos; folders.erase(0, end + 1)) {
+    std::string program = folders.substr(0, end) + "/" + name;
+    if (end != 0 && access(program.c_str(), X_OK) == 0) return program;
+  }
+  throw std::runtime_error(name + " is not installed");
+}
+
+std::string FindServerFile(const std::string& path) {
+  std::string unpacked = UNPACKED_SERVERS + path;
+  return access(unpacked.c_str(), F_OK) == 0 ? unpacked : path;
+}
 
 Process::Process(const std::vector<std::string>& command, std::filesystem::path log)
     : m_log(std::move(log)) {

@@ -11,8 +11,8 @@
 // shown when the test fails. It ends with the object, and with the thread that started it.
 class Process {
  public:
-  // The first word is a path or is looked for in PATH and where servers are installed. Throws
-  // std::runtime_error when it is missing or cannot be run.
+  // The first word is FindProgram()'s name. Throws std::runtime_error when it is missing or cannot
+  // be run.
   Process(const std::vector<std::string>& command, std::filesystem::path log);
   ~Process();  // asks it to end, kills its group after five seconds
   Process(const Process&) = delete;
@@ -35,6 +35,14 @@ class Process {
   pid_t m_id = -1;
   int m_descriptor = -1;  // readable once the program has ended
 };
+
+// The path of a program: among the servers that ./dev unpacked, in PATH, or where servers are
+// installed. A name with a slash is its own path. Throws std::runtime_error when there is none.
+std::string FindProgram(const std::string& name);
+
+// Where a file of a server's package is, which is installed at `path`: among the unpacked ones or,
+// when it is not there, at `path`.
+std::string FindServerFile(const std::string& path);
 
 // Runs a program to its end, within thirty seconds, and returns what it printed. Throws
 // std::runtime_error, with the output, when it fails.

@@ -19,7 +19,8 @@ void NginxServer::Start(const std::string& listen, const std::string& directives
 master_process off;
 pid nginx.pid;
 error_log stderr;
-load_module /usr/lib/nginx/modules/ngx_http_echo_module.so;
+load_module )" + FindServerFile("/usr/lib/nginx/modules/ngx_http_echo_module.so") +
+                               R"(;
 events { worker_connections 256; }
 http {
   access_log off;
@@ -54,7 +55,7 @@ auth.require = (
   "/digest/" => ("method" => "digest", "realm" => "test", "require" => "valid-user"),
   "/basic/" => ("method" => "basic", "realm" => "test", "require" => "valid-user"))
 )" + directives);
-  Start({"lighttpd", "-D", "-f", configuration});
+  Start({"lighttpd", "-D", "-m", FindServerFile("/usr/lib/lighttpd"), "-f", configuration});
 }
 
 TinyProxy::TinyProxy(const std::string& user, const std::string& password) {

@@ -17,7 +17,7 @@ using testing::Not;
 
 class ZunetPing : public testing::Test {
  protected:
-  void SetUp() override { MAKE_NETWORK_OR_SKIP(network); }
+  void SetUp() override { MakeNetwork(network); }
 
   TempDir folder;
   std::optional<PeerNetwork> network;
