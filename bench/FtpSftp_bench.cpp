@@ -24,6 +24,7 @@ namespace {
 struct Peer {
   std::string server;
   std::string user;
+  std::string password;
   std::string key;
   bool isNewConnection;
   std::string remoteFile;
@@ -40,7 +41,7 @@ class Ours {
   explicit Ours(Peer peer) : m_peer(std::move(peer)) {
     if (Failed(m_request.initialize())) std::abort();
     if (Failed(m_request.setTraceCallBack(this, Silence))) std::abort();
-    if (Failed(m_request.setCredentials(m_peer.user, ""))) std::abort();
+    if (Failed(m_request.setCredentials(m_peer.user, m_peer.password))) std::abort();
     m_request.setURL(m_peer.server);
     const long forbidReuse = m_peer.isNewConnection ? 1 : 0;
     if (Failed(m_request.setOption(CURLOPT_FORBID_REUSE, forbidReuse))) std::abort();
@@ -70,7 +71,7 @@ class Ours {
 class Same {
  public:
   explicit Same(Peer peer) : m_peer(std::move(peer)) {
-    m_curl.Set(CURLOPT_USERPWD, (m_peer.user + ":").c_str());
+    m_curl.Set(CURLOPT_USERPWD, (m_peer.user + ":" + m_peer.password).c_str());
     m_curl.Set(CURLOPT_FORBID_REUSE, m_peer.isNewConnection ? 1L : 0L);
     if (!m_peer.key.empty()) m_curl.Set(CURLOPT_SSH_PRIVATE_KEYFILE, m_peer.key.c_str());
   }
@@ -119,7 +120,8 @@ class PocoFtp {
   explicit PocoFtp(Peer peer) : m_peer(std::move(peer)) {}
 
   void Download() {
-    Poco::Net::FTPClientSession session(m_uri.getHost(), m_uri.getPort(), m_peer.user, "x");
+    Poco::Net::FTPClientSession session(m_uri.getHost(), m_uri.getPort(), m_peer.user,
+                                        m_peer.password);
     std::istream& data = session.beginDownload(m_peer.remoteFile);
     size_t bytes = 0;
     while (data.read(m_buffer, sizeof m_buffer), data.gcount() > 0) {
@@ -130,7 +132,8 @@ class PocoFtp {
   }
 
   void Upload() {
-    Poco::Net::FTPClientSession session(m_uri.getHost(), m_uri.getPort(), m_peer.user, "x");
+    Poco::Net::FTPClientSession session(m_uri.getHost(), m_uri.getPort(), m_peer.user,
+                                        m_peer.password);
     std::ifstream file(m_peer.localFile, std::ios::binary);
     std::ostream& data = session.beginUpload(m_peer.remoteTarget);
     while (file.read(m_buffer, sizeof m_buffer), file.gcount() > 0) {
@@ -159,9 +162,11 @@ const char* Operation(bool isUpload) { return isUpload ? "uploadFile" : "downloa
 void Ftp(benchmark::State& state, bool isUpload) {
   const char* const server = FromEnvironment(state, "ZUNETWORK_BENCH_FTP");
   const char* const folder = FromEnvironment(state, "ZUNETWORK_BENCH_FILES");
-  if (server == nullptr || folder == nullptr) return;
+  const char* const password = FromEnvironment(state, "ZUNETWORK_BENCH_FTP_PASSWORD");
+  if (server == nullptr || folder == nullptr || password == nullptr) return;
   const Peer peer{server,
-                  "anonymous",
+                  "ftp",
+                  password,
                   "",
                   true,
                   "128MiB.bin",
@@ -183,7 +188,7 @@ void Sftp(benchmark::State& state, bool isUpload) {
   if (server == nullptr || user == nullptr || key == nullptr || folder == nullptr) return;
   const std::string file = folder + std::string("/32MiB.bin");
   const std::string remote = file.substr(1);  // the slash that ends the server is the first one
-  const Peer peer{server, user, key, false, remote, file, remote + ".in", size_t{32} << 20};
+  const Peer peer{server, user, "", key, false, remote, file, remote + ".in", size_t{32} << 20};
   Compare(state, Ratio(1.02),
           Transfer<Ours<KdCURL::KdSFTPReq>>(Operation(isUpload), peer, isUpload),
           Transfer<Same>(kSameOptions, peer, isUpload));

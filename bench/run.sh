@@ -4,7 +4,6 @@
 # Usage: run.sh BIN-FOLDER [--report] [ARGUMENT...]
 # With --report, docs/performance.md, its plots and the figures of the README are written anew.
 set -euo pipefail
-PATH=$PATH:/usr/sbin:/sbin
 bench=$(dirname "$(realpath "$0")")
 examples=$bench/../examples
 # shellcheck source=examples/nginx.sh
@@ -69,21 +68,23 @@ export ZUNETWORK_BENCH_HTTPS=https://127.0.0.1:$nginx_port
 export ZUNETWORK_BENCH_CAS=$folder/tls/cas.pem
 
 if command -v sshd >/dev/null; then
+  chmod 711 "$folder"
+  give_to_server_user "$folder/ftp"
   start_sshd "$folder/ssh"
   processes+=("$sshd_process")
-  ZUNETWORK_BENCH_SFTP_USER=$(id -un)
-  export ZUNETWORK_BENCH_SFTP_USER
+  export ZUNETWORK_BENCH_SFTP_USER=demo
   export ZUNETWORK_BENCH_SFTP=sftp://127.0.0.1:$sshd_port
   export ZUNETWORK_BENCH_SFTP_KEY=$folder/ssh/client
 else
   echo "No sshd here: SFTP is not measured" >&2
 fi
-if ((EUID == 0)) && command -v vsftpd >/dev/null; then
+if command -v vsftpd >/dev/null; then
   start_vsftpd "$folder"
   processes+=("$vsftpd_process")
+  export ZUNETWORK_BENCH_FTP_PASSWORD=$vsftpd_password
   export ZUNETWORK_BENCH_FTP=ftp://127.0.0.1:$vsftpd_port
 else
-  echo "No vsftpd here, or not root to run it: FTP is not measured" >&2
+  echo "No vsftpd here: FTP is not measured" >&2
 fi
 
 status=0

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # What the library does, shown by zunet against servers on loopback. Usage: demo.sh BIN-FOLDER
 set -euo pipefail
-PATH=$PATH:/usr/sbin:/sbin
 # shellcheck source=examples/nginx.sh
 source "$(dirname "$0")/nginx.sh"
 # shellcheck source=examples/sshd.sh
 source "$(dirname "$0")/sshd.sh"
+# shellcheck source=examples/vsftpd.sh
+source "$(dirname "$0")/vsftpd.sh"
 # shellcheck source=examples/pkcs12.sh
 source "$(dirname "$0")/pkcs12.sh"
 bin=$(realpath "$1")
@@ -95,63 +96,30 @@ cmp "$folder/sent" "$folder/received"
 sed 's/^/   /' "$folder/received"
 
 say "Move a file over SFTP, to an sshd on loopback (KdSFTPReq)"
+chmod 711 "$folder"
 start_sshd "$folder/ssh"
-sftp=sftp://127.0.0.1:$sshd_port$folder
-login=(--user "$(id -un):" --key "$folder/ssh/client" --insecure)
+sftp=sftp://127.0.0.1:$sshd_port/~
+login=(--user demo: --key "$folder/ssh/client" --insecure)
 run put "$folder/out/middle.bin" "$sftp/sent.bin" "${login[@]}"
 run size "$sftp/sent.bin" "${login[@]}"
 run get "$sftp/sent.bin" -o "$folder/back/sent.bin" "${login[@]}"
 cmp "$folder/out/middle.bin" "$folder/back/sent.bin"
-run ls "$sftp/out/" "${login[@]}"
+run ls "$sftp/" "${login[@]}"
 stop_process "$sshd_process"
 sshd_process=
 
 say "Move a file over FTP, to a vsftpd on loopback (KdFTPReq)"
-start_vsftpd() {
-  local port=$1
-  mkdir -p "$folder/ftp/empty" "$folder/ftp/root/in"
-  chmod 755 "$folder" "$folder/ftp" "$folder/ftp/root"
-  chown ftp "$folder/ftp/root/in"
-  cat >"$folder/ftp/vsftpd.conf" <<CONF
-listen=YES
-listen_address=127.0.0.1
-listen_port=$port
-background=NO
-anonymous_enable=YES
-local_enable=NO
-anon_root=$folder/ftp/root
-ftp_username=ftp
-write_enable=YES
-anon_upload_enable=YES
-anon_mkdir_write_enable=YES
-anon_other_write_enable=YES
-anon_umask=022
-secure_chroot_dir=$folder/ftp/empty
-seccomp_sandbox=NO
-isolate=NO
-isolate_network=NO
-connect_from_port_20=NO
-pasv_address=127.0.0.1
-CONF
-  /usr/sbin/vsftpd "$folder/ftp/vsftpd.conf" 2>"$folder/vsftpd.log" &
-  vsftpd_process=$!
-  wait_for_port "$port" "$vsftpd_process"
-}
-if ((EUID == 0)); then
-  vsftpd_port=$((46000 + RANDOM % 12000))
-  start_vsftpd "$vsftpd_port" || { cat "$folder/vsftpd.log" >&2 && exit 1; }
-  ftp=ftp://127.0.0.1:$vsftpd_port/in
-  run put "$folder/out/large.bin" "$ftp/new/large.bin"
-  run size "$ftp/new/large.bin"
-  run get "$ftp/new/large.bin" -o "$folder/back/ftp.bin"
-  cmp "$folder/out/large.bin" "$folder/back/ftp.bin"
-  run ls "$ftp/new/"
-  run delete "$ftp/new/large.bin"
-  stop_process "$vsftpd_process"
-  vsftpd_process=
-else
-  echo "   left out: this server needs root"
-fi
+start_vsftpd "$folder"
+ftp=ftp://127.0.0.1:$vsftpd_port/in
+login=(--user "ftp:$vsftpd_password")
+run put "$folder/out/large.bin" "$ftp/new/large.bin" "${login[@]}"
+run size "$ftp/new/large.bin" "${login[@]}"
+run get "$ftp/new/large.bin" -o "$folder/back/ftp.bin" "${login[@]}"
+cmp "$folder/out/large.bin" "$folder/back/ftp.bin"
+run ls "$ftp/new/" "${login[@]}"
+run delete "$ftp/new/large.bin" "${login[@]}"
+stop_process "$vsftpd_process"
+vsftpd_process=
 
 say "Sign a file and let openssl check it (CurlWrapper::SignSHA256withRSA)"
 make_pkcs12 "$folder" secret

@@ -1,5 +1,19 @@
 # shellcheck shell=bash
-# Servers on loopback for scripts.
+# Servers on loopback for scripts: those that ./dev unpacked, else those that are installed.
+unpacked_servers=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")/build/servers
+PATH=$unpacked_servers/bin:$PATH:/usr/sbin:/sbin
+
+# Servers that hold files need no right and run as the user of the script, or as nobody when that is
+# root: server_ids is USER:GROUP, and as_server_user COMMAND... becomes the command.
+server_ids=$EUID:$(id -g)
+if ((EUID == 0)); then server_ids=$(id -u nobody):$(id -g nobody); fi
+as_server_user() {
+  if ((EUID != 0)); then exec "$@"; fi
+  exec setpriv --reuid="${server_ids%:*}" --regid="${server_ids#*:}" --clear-groups "$@"
+}
+give_to_server_user() {
+  if ((EUID == 0)); then chown "$server_ids" "$@"; fi
+}
 
 # start_server LOG FUNCTION ARGUMENT... calls FUNCTION PORT ARGUMENT..., which becomes the server by
 # exec; the port is then in server_port and the process in server_process. Ports may be taken: the
