@@ -57,6 +57,7 @@ CZuError KdFTPReq::addQuoteCommand(const std::string& command) {
   curl_slist* const list =
       CurlWrapper::gCurlWrapper.Curl_slist_append(m_headerList, command.c_str());
   if (list == nullptr) return ErrorKdCURL(ZU_HERE, -1, "Failed to add the command to the list.");
+  if (HasLineBreak(command)) m_refusedField = "A command";
   m_headerList = list;
   return Configure(ZU_HERE, kNotInitialized, {{CURLOPT_QUOTE, static_cast<void*>(m_headerList)}});
 }

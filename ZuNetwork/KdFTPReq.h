@@ -55,7 +55,8 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
   CZuError IsFile(const std::string& sourcePath, bool& isFile) override;
 
   // Adds a command, as it is, to those that are sent before the next transfer: "DELE old.txt" for
-  // FTP, "rm /home/bob/old.txt" for SFTP (see CURLOPT_QUOTE).
+  // FTP, "rm /home/bob/old.txt" for SFTP (see CURLOPT_QUOTE). That transfer is refused, with
+  // ErrorInt 1, when the command holds CR, LF or NUL.
   CZuError addQuoteCommand(const std::string& command);
 
   // How an SSH server is told who asks: CURLSSH_AUTH_* bits.

@@ -1,6 +1,10 @@
 #include "ZuNetwork/KdHTTPReq.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <memory>
+#include <system_error>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "ZuNetwork/internal/KdListing.h"
@@ -29,6 +33,25 @@ bool Contains(const std::string& text, std::string_view part) {
 size_t EndOfScheme(const std::string& url) {
   const size_t position = url.find(kSchemeEnd);
   return position == std::string::npos ? 0 : position + kSchemeEnd.size();
+}
+
+bool HasZeroByte(const std::string& text) { return text.find('\0') != std::string::npos; }
+
+// A name as it stands between quotes in the header of a form field (RFC 7578, as browsers do it).
+std::string QuotedName(const std::string& name) {
+  std::string quoted;
+  for (const char c : name) {
+    if (c == '"') {
+      quoted += "%22";
+    } else if (c == '\r') {
+      quoted += "%0D";
+    } else if (c == '\n') {
+      quoted += "%0A";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted;
 }
 
 }  // namespace
@@ -70,6 +93,9 @@ CZuError KdHTTPReq::setHeaders(const std::map<std::string, std::string>& headerM
 CZuError KdHTTPReq::addFormValues(const std::string& copyName, int fieldName,
                                   const std::string& fieldValue) {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
+  const bool isFileName = fieldName != CURLFORM_COPYCONTENTS && fieldName != CURLFORM_PTRCONTENTS;
+  if (HasZeroByte(copyName)) m_refusedField = "The name of a form field";
+  if (isFileName && HasZeroByte(fieldValue)) m_refusedField = "The file name of a form field";
   m_formInfo.push_back(populateFormInfo(copyName, fieldName, fieldValue));
   return {};
 }
@@ -78,15 +104,20 @@ CZuError KdHTTPReq::setFormValue() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   m_FormComponentHeaders.clear();
   for (const formInfo& field : m_formInfo) {
+    const std::string fieldName = QuotedName(field.copyName);
     std::string line =
-        FXString::Format("Content-Disposition: form-data; name=\"%s\"", field.copyName.c_str());
+        FXString::Format("Content-Disposition: form-data; name=\"%s\"", fieldName.c_str());
     if (field.fieldName == CURLFORM_FILE) {
       std::string parent;
       std::string name;
       CZuError error = FXPath::SplitParentPath(field.fieldValue, parent, name);
       if (Failed(error)) return error.Push(ZU_HERE);
+      if (access(field.fieldValue.c_str(), R_OK) != 0) {  // libcurl's error will not name it
+        m_strLocalFault = "Failed to open file [" + field.fieldValue +
+                          "]: " + std::generic_category().message(errno);
+      }
       line = FXString::Format("Content-Disposition: form-data; name=\"%s\";filename=\"%s\"",
-                              field.copyName.c_str(), name.c_str());
+                              fieldName.c_str(), QuotedName(name).c_str());
     }
     curl_slist* const header = CurlWrapper::gCurlWrapper.Curl_slist_append(nullptr, line.c_str());
     if (header == nullptr) {

@@ -75,10 +75,15 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
   // How the server is told who asks: CURLAUTH_* bits.
   CZuError setHTTPAuth(long param);
 
-  // Queues a form field for the next upload; the queue is emptied after every request.
+  // Queues a form field for the next upload; the queue is emptied after every request. Quotes, CR
+  // and LF in the names of field and file go out as %22, %0D and %0A. A zero byte in one of them
+  // makes the next request fail with ErrorInt 1; contents end at one.
   CZuError addFormValues(const std::string& copyName, int fieldName, const std::string& fieldValue);
 
-  // Builds libcurl's form of the queued fields; part of an upload.
+  // Builds libcurl's form of the queued fields. An upload calls it and frees what it made; a
+  // program need not. After a call outside an upload the next upload sends the fields twice, and
+  // the memory of the header lines that the call made is lost: the form points to them until it is
+  // sent.
   CZuError setFormValue();
 
   // Whether the request's path carries the server, and its parts if it does.

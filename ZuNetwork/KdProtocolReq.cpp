@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 #include <system_error>
 #include <type_traits>
 
@@ -36,6 +37,24 @@ const char* HttpVersion(long version) {
 }
 
 bool IsNullOrEmpty(const char* text) { return text == nullptr || *text == '\0'; }
+
+// The URL for an error: without a login, and without what follows a question mark or a hash.
+std::string WithoutSecrets(std::string url) {
+  const size_t end = url.find_first_of("?#");
+  if (end != std::string::npos) url.replace(end, std::string::npos, "?...");
+  const size_t scheme = url.find("://");
+  const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
+  size_t slash = std::min(url.find('/', start), url.size());
+  // A slash in a password ends the server for libcurl, which leaves it with an odd port.
+  const size_t colon = url.rfind(':', slash - 1);
+  const bool hasOddPort = colon != std::string::npos && colon >= start && colon + 1 < slash &&
+                          url.find_first_not_of("0123456789", colon + 1) < slash &&
+                          url[slash - 1] != ']';
+  if (hasOddPort) slash = url.size();
+  const size_t at = slash == 0 ? std::string::npos : url.rfind('@', slash - 1);
+  if (at != std::string::npos && at >= start) url.erase(start, at + 1 - start);
+  return url;
+}
 
 // An unknown length is -1. Lengths that differ from it by multiples of 2^32 read as unknown too; a
 // number beyond 64 bits has no low half to look at.
@@ -86,6 +105,10 @@ CZuError KdProtocolReq::setDefaultConfiguration() {
                               {CURLOPT_SSL_VERIFYPEER, 1},
                               {CURLOPT_SSL_VERIFYHOST, 2},
                               {CURLOPT_CAINFO, kDefaultCaBundle}});
+}
+
+bool KdProtocolReq::HasLineBreak(const std::string& text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
 }
 
 std::string KdProtocolReq::AppendForwardSlash(const std::string& path) {
@@ -183,6 +206,9 @@ CZuError KdProtocolReq::setProxyDetails(const std::string& proxyServer,
                                         const std::string& proxyUserName,
                                         const std::string& proxyPassword,
                                         const std::string& proxyPort) {
+  m_refusedProxyField = nullptr;
+  if (HasLineBreak(proxyPassword)) m_refusedProxyField = "The password of the proxy";
+  if (HasLineBreak(proxyUserName)) m_refusedProxyField = "The user name of the proxy";
   const std::string server = proxyServer + ":" + proxyPort;
   const std::string credentials = proxyUserName + ":" + proxyPassword;
   CZuError error = Configure(ZU_HERE, kNotInitialized,
@@ -482,7 +508,8 @@ CZuError KdProtocolReq::getFileInfo(const std::string& sourcePath, double& fileS
                        ErrorText());
   }
   if (IsUnknownLength(size)) {
-    return ErrorKdCURL(ZU_HERE, 0, "File size recieved from server is invalid");
+    CZuError unknown = ErrorKdCURL(ZU_HERE, 0, "File size recieved from server is invalid");
+    return PushDetails(unknown, ZU_HERE, CURLE_OK);
   }
   fileSizeOut = size;
   return {};
@@ -498,9 +525,11 @@ CZuError KdProtocolReq::checkIfFileOrDirExists(const std::string& srcPath, bool 
   const CZuError error = getFileInfo(path.c_str(), size);
   if (isFile) {
     if (m_curlCode != CURLE_OK) {
-      return ErrorInt(ZU_HERE, kErrorBadInput,
-                      "Failed to check if File exists.Error Code : [%d]. Error Message [%s] ",
-                      m_curlCode, ErrorText());
+      CZuError failure =
+          ErrorInt(ZU_HERE, kErrorBadInput,
+                   "Failed to check if File exists.Error Code : [%d]. Error Message [%s] ",
+                   m_curlCode, ErrorText());
+      return PushDetails(failure, ZU_HERE, m_curlCode);
     }
     isExist = !Failed(error);
     return {};
@@ -508,9 +537,11 @@ CZuError KdProtocolReq::checkIfFileOrDirExists(const std::string& srcPath, bool 
   constexpr long kNotFound = 404;
   const bool isAbsent = m_curlCode == CURLE_REMOTE_ACCESS_DENIED || m_responseCode == kNotFound;
   if (!isAbsent && m_curlCode != CURLE_OK) {
-    return ErrorInt(ZU_HERE, kErrorBadInput,
-                    "Failed to check if Directory exists. Error Code : [%d]. Error Message [%s] ",
-                    m_curlCode, ErrorText());
+    CZuError failure =
+        ErrorInt(ZU_HERE, kErrorBadInput,
+                 "Failed to check if Directory exists. Error Code : [%d]. Error Message [%s] ",
+                 m_curlCode, ErrorText());
+    return PushDetails(failure, ZU_HERE, m_curlCode);
   }
   isExist = !isAbsent;
   return {};
@@ -569,10 +600,14 @@ void KdProtocolReq::addRequestedHeaders(const std::string& headerName,
 CZuError KdProtocolReq::PrepareForRequest() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitializedPlural);
   if (m_strURL.empty()) return ErrorInt(ZU_HERE, kErrorNotSupported, "URL is empty");
+  m_strWorkingURL = m_strURLPath;
+  CZuError error = CheckFields(ZU_HERE);
+  if (Failed(error)) return error;
   std::string url;
-  CZuError error = getFullWorkingURL(url);
+  error = getFullWorkingURL(url);
   if (Failed(error)) return error.Push(ZU_HERE, "Failed to get working URL");
   SetOption(CURLOPT_URL, url.c_str());
+  m_strWorkingURL = std::move(url);
   error = setMethodParameter();
   if (!Failed(error)) error = setHeaders(m_mHeaders);
   if (Failed(error)) return error.Push(ZU_HERE);
@@ -585,6 +620,26 @@ CZuError KdProtocolReq::PrepareForRequest() {
     if (Failed(error)) return error.Push(ZU_HERE);
   }
   return {};
+}
+
+// A break in one of these lines would begin another one, of the server's or an attacker's choice.
+CZuError KdProtocolReq::CheckFields(const FXCodeLocation& where) const {
+  constexpr char kRefused[] = "%s holds a line break or a zero byte";
+  for (const auto& [name, value] : m_mHeaders) {
+    if (HasLineBreak(name)) {
+      return ErrorInt(where, kErrorBadInput, kRefused, "The name of a header or command");
+    }
+    if (HasLineBreak(value)) {
+      const std::string field = "The header or command [" + name + "]";
+      return ErrorInt(where, kErrorBadInput, kRefused, field.c_str());
+    }
+  }
+  const char* field = m_refusedField;
+  if (m_refusedProxyField != nullptr) field = m_refusedProxyField;
+  if (HasLineBreak(m_strURLPassword)) field = "The password";
+  if (HasLineBreak(m_strURLUserName)) field = "The user name";
+  if (field == nullptr) return {};
+  return ErrorInt(where, kErrorBadInput, kRefused, field);
 }
 
 CZuError KdProtocolReq::Execute() {
@@ -614,6 +669,8 @@ CZuError KdProtocolReq::unSetMethodParameter() {
     SetOption(CURLOPT_APPEND, 0);  // libcurl sets it for a resumed upload, and leaves it
   }
   m_lResumeOffset = 0;
+  m_refusedField = nullptr;
+  m_strLocalFault.clear();
   m_mHeaders.clear();
   CZuError error = unsetOpTypeParameter();
   if (Failed(error)) error.Push(ZU_HERE);
@@ -624,8 +681,22 @@ CZuError KdProtocolReq::SendReqest() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   CZuError error = PrepareForRequest();
   if (!Failed(error)) error = Execute();
+  if (Failed(error)) PushDetails(error, ZU_HERE, GetKdCURL(error));
   (void)unSetMethodParameter();  // the request's own outcome is what counts
   if (Failed(error)) error.Push(ZU_HERE);
+  return error;
+}
+
+// Libcurl leaves its buffer empty where it has nothing to add to its sentence for the code.
+CZuError& KdProtocolReq::PushDetails(CZuError& error, const FXCodeLocation& where,
+                                     int curlCode) const {
+  if (curlCode > 0 && IsNullOrEmpty(m_szErrorBuffer)) {
+    error.Push(where, "%s",
+               CurlWrapper::gCurlWrapper.Curl_easy_strerror(static_cast<CURLcode>(curlCode)));
+  }
+  if (!m_strLocalFault.empty()) error.Push(where, "%s", m_strLocalFault.c_str());
+  if (!m_strWorkingURL.empty())
+    error.Push(where, "URL [%s]", WithoutSecrets(m_strWorkingURL).c_str());
   return error;
 }
 

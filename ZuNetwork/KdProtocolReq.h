@@ -83,10 +83,16 @@ using TRACE_FUN_POINTER = int (*)(void* handle, void* infoType, char* data, unsi
 // settings and time limits stay.
 //
 // How an operation fails:
-//   ErrorInt 1                 bad argument (the text says which), object not initialised
+//   ErrorInt 1                 bad argument (the text says which), object not initialised; a
+//                              header, command, user name or password (the server's or the
+//                              proxy's) with CR, LF or NUL: the setter takes it, the next request
+//                              is refused before anything is sent
 //   ErrorInt 101               no server set, operation unknown to the protocol
 //   ErrorKdCURL(c, ...), c > 0 libcurl could not complete the transfer; c is its CURLcode
 //   ErrorKdCURL(0, ...)        the server answered and refused; see getLastServerResponseCode()
+//
+// The error of a request also names its URL, without login and query, which may hold secrets, and
+// libcurl's own sentence for the code where libcurl said no more.
 //
 // Without a time limit of the caller a request may wait for ever. libcurl's trace is on: it goes to
 // standard error until setTraceCallBack() takes it. A body without a write callback goes to
@@ -200,9 +206,11 @@ class ZUNETWORK_API KdProtocolReq {
   // No signals for time-outs, as programs with several threads want it.
   CZuError setNoSignal(bool noSignal);
 
-  // Any option of libcurl by its number. The value is set at once and again before every request,
-  // whatever the operation does with the option. A refusal is reported at either time. A value of a
-  // kind that the option does not take is ErrorInt 1, "Option [%d] takes no such value".
+  // Any option of libcurl by its number. A text is sent as it is: one for a header or command
+  // (CURLOPT_USERAGENT, CURLOPT_COOKIE, CURLOPT_RANGE) must not come from strangers unchecked. The
+  // value is set at once and again before every request, whatever the operation does with the
+  // option. A refusal is reported at either time. A value of a kind that the option does not take
+  // is ErrorInt 1, "Option [%d] takes no such value".
   CZuError setOption(int option, int value) { return setOption(option, long{value}); }
   CZuError setOption(int option, long value);
   CZuError setOption(int option, long long value) { return setOption(option, long{value}); }
@@ -326,6 +334,9 @@ class ZUNETWORK_API KdProtocolReq {
   // The path up to its first zero byte, ending in a slash.
   static std::string AppendForwardSlash(const std::string& path);
 
+  // Whether the text would end the line that it is sent in, or be cut short.
+  static bool HasLineBreak(const std::string& text);
+
   // Sets the options in order, keeps libcurl's result and stops at the first refusal.
   CZuError SetOptions(const FXCodeLocation& where, std::initializer_list<Option> options);
 
@@ -380,6 +391,9 @@ class ZUNETWORK_API KdProtocolReq {
   bool m_bLenientListing = false;
   std::int64_t m_lResumeOffset = 0;  // of the next transfer
   bool m_bIsPut = false;             // the upload that runs is that of putFile()
+  // What of the next request has a line break or zero byte where none may be; null: nothing.
+  const char* m_refusedField = nullptr;
+  std::string m_strLocalFault;  // what was found wrong here while it was prepared; told if it fails
 
   static pthread_mutex_t* ssl_mutex;  // kept for derived classes; the base takes no lock
   static bool m_gbInit;
@@ -399,6 +413,8 @@ class ZUNETWORK_API KdProtocolReq {
   };
 
   const char* ErrorText() const;
+  CZuError CheckFields(const FXCodeLocation& where) const;
+  CZuError& PushDetails(CZuError& error, const FXCodeLocation& where, int curlCode) const;
   CZuError KeepOption(const FXCodeLocation& where, CallersOption option);
   CZuError SetCallersOption(const CallersOption& option);
   CZuError SendOperation(const FXCodeLocation& where);
@@ -410,7 +426,9 @@ class ZUNETWORK_API KdProtocolReq {
   void SetCallBacks();
   void UnsetCallBacks();
 
-  std::list<Connection> m_connections;  // one for each initialize()
+  std::list<Connection> m_connections;        // one for each initialize()
+  std::string m_strWorkingURL;                // of the last request, as far as it was composed
+  const char* m_refusedProxyField = nullptr;  // as m_refusedField, of all requests
   FileSource m_putSource;
   bool m_bWriteDataUnset = false;
   std::vector<CallersOption> m_callersOptions;

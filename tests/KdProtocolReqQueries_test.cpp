@@ -145,7 +145,7 @@ TEST_F(KdProtocolReqQueries, ExistenceIsReadFromCodeAndResponse) {
                                "Error Code : [" + std::to_string(code) + "]. Error Message [" +
                                (row.performCode != 0 ? "it broke" : "") + "] ";
       EXPECT_FAILS(error, IntCode(1), text.c_str());
-      EXPECT_THAT(error.AsString(), EndsWith(", " + text));
+      EXPECT_EQ(error.Message(), text);
       EXPECT_EQ(exists, before);
     }
   }
@@ -176,7 +176,7 @@ TEST_F(KdProtocolReqQueries, AMissingErrorBufferIsToldInPlaceOfItsText) {
     SCOPED_TRACE(label);
     const CZuError error = call();
     EXPECT_FAILS(error, code, "");
-    EXPECT_THAT(error.AsString(), EndsWith(end));
+    EXPECT_THAT(error.AsString(), HasSubstr(end)) << "details may follow";
   }
   EXPECT_TRUE(exists);
   EXPECT_EQ(out, "stale");

@@ -120,6 +120,28 @@ TEST_F(Sftp, TheServerIsKnownByItsKey) {
   EXPECT_FAILS(other.Get("~/a.txt"), TransferCode(CURLE_PEER_FAILED_VERIFICATION), "[60]");
 }
 
+TEST_F(Sftp, KeysAreCheckedOnceAFileOfKnownHostsIsGiven) {
+  const TempDir folder;
+  const std::string known = folder / "known_hosts";
+  WriteFile(known, "");
+  EXPECT_OK(m_request.Get("~/a.txt")) << "any key is taken before";
+  SftpRequest request(m_server.Port());
+  ASSERT_OK(request.setOption(CURLOPT_SSH_KNOWNHOSTS, known));
+  const CZuError error = request.Get("~/a.txt");
+  EXPECT_FAILS(error, TransferCode(CURLE_PEER_FAILED_VERIFICATION), "Error Message : []");
+  EXPECT_THAT(error.AsString(), testing::HasSubstr("SSL peer certificate or SSH remote key"))
+      << "in libcurl's words";
+  EXPECT_THAT(
+      error.AsString(),
+      testing::HasSubstr("URL [sftp://127.0.0.1:" + std::to_string(m_server.Port()) + "/~/a.txt]"));
+  WriteFile(known, "[127.0.0.1]:" + std::to_string(m_server.Port()) + " " +
+                       ReadFile(m_server.Folder() / "host.pub"));
+  SftpRequest friendly(m_server.Port());
+  ASSERT_OK(friendly.setOption(CURLOPT_SSH_KNOWNHOSTS, known));
+  EXPECT_OK(friendly.Get("~/a.txt"));
+  EXPECT_EQ(friendly.body.text, m_request.body.text);
+}
+
 TEST_F(Sftp, WhatCannotBeDoneTellsWhy) {
   const fs::path closed = m_server.Folder() / "closed";
   const std::string secret = closed / "secret";
