@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <new>
+
 #include "ZuNetwork/internal/Lookup.h"
 #include "ZuNetwork/internal/OpenSslLocks.h"
 
@@ -23,7 +25,14 @@ char gMissingText[] = "Failed to load libcurl.";
 
 CurlWrapper CurlWrapper::gCurlWrapper;
 
-CurlWrapper::CurlWrapper() { Init(); }
+// Memory that is short while a program starts must not end it: the next call tries again.
+CurlWrapper::CurlWrapper() {
+  try {
+    Init();
+  } catch (const std::bad_alloc&) {
+    m_bInit = false;
+  }
+}
 
 CurlWrapper::~CurlWrapper() {
   if (!m_bInit) return;

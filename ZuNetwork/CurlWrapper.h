@@ -35,7 +35,8 @@ constexpr int kErrorOpenSsl = 204;     // libcurl or OpenSSL is missing, too old
 class ZUNETWORK_API CurlWrapper {
  public:
   // The one object that the library uses. It is made when the library is loaded, which is when
-  // libcurl is first looked for, and gives libcurl up at unload.
+  // libcurl is first looked for, and gives libcurl up at unload. Where memory is short then, the
+  // next call looks again.
   static CurlWrapper gCurlWrapper;
 
   CurlWrapper();
