@@ -49,12 +49,67 @@ TEST_F(ZunetPing, FourRequestsOf56BytesAreTheDefault) {
               testing::MatchesRegex("56 bytes from 10.77.0.2: seq=1 ttl=64 time=[0-9]+ ms\n"
                                     "damaged reply from 10.77.0.2: seq=2\n"
                                     "short reply from 10.77.0.2: seq=3\n"
-                                    "foreign packet from 10.77.0.2: seq=4\n"
+                                    "no reply from 10.77.0.2: seq=4\n"
                                     "4 sent, 1 received, 75% lost\n"
                                     "time min/avg/max = [0-9]+/[0-9.]+/[0-9]+ ms\n"));
   const std::vector<Bytes>& packets = peer.Stop();
   ASSERT_EQ(packets.size(), 4u);
   for (const Bytes& packet : packets) EXPECT_EQ(packet.size(), kIpHeader + 8 + 56);
+}
+
+// Adds the network of kElsewhere behind the peer, which does not know it either.
+void RouteToNowhere(const PeerNetwork& network) {
+  PeerNetwork::Ip("route add 10.78.0.0/16 via 10.77.0.2");
+  network.InPeer([] { PeerNetwork::SetSystemValue("ipv4/ip_forward", "1"); });
+}
+
+TEST_F(ZunetPing, HostThatARouterDoesNotReachIsNotAlive) {
+  RouteToNowhere(*network);
+  const ZunetRun run(folder, "ping", "ping 10.78.0.1 -c 3");
+  EXPECT_EQ(run.Wait(), 1);
+  EXPECT_EQ(run.Output(),
+            "Destination network unreachable, says 10.77.0.2: seq=1\n"
+            "Destination network unreachable, says 10.77.0.2: seq=2\n"
+            "Destination network unreachable, says 10.77.0.2: seq=3\n"
+            "3 sent, 0 received, 100% lost\n");
+}
+
+TEST_F(ZunetPing, SeriesAtTheSameTimeLoseNothing) {
+  for (const char* const host : {"10.77.0.2", "127.0.0.1"}) {
+    SCOPED_TRACE(host);
+    const std::string arguments = std::string("ping -c 3 ") + host;
+    const ZunetRun first(folder, "first", arguments);
+    const ZunetRun second(folder, "second", arguments);
+    EXPECT_EQ(first.Wait(), 0);
+    EXPECT_EQ(second.Wait(), 0);
+    EXPECT_THAT(first.Output(), HasSubstr("\n3 sent, 3 received, 0% lost\n"));
+    EXPECT_THAT(second.Output(), HasSubstr("\n3 sent, 3 received, 0% lost\n"));
+  }
+}
+
+TEST_F(ZunetPing, SmallestAndLargestPacketsArrive) {
+  for (const char* const size : {"1", "65507"}) {
+    for (const char* const host : {"10.77.0.2", "127.0.0.1"}) {
+      SCOPED_TRACE(std::string(size) + " to " + host);
+      const ZunetRun run(folder, "ping", std::string("ping -c 1 -s ") + size + " " + host);
+      EXPECT_EQ(run.Wait(), 0);
+      EXPECT_THAT(run.Output(), HasSubstr(std::string(size) + " bytes from " + host));
+    }
+  }
+}
+
+TEST_F(ZunetPing, SystemsPingFindsTheSame) {
+  RouteToNowhere(*network);
+  for (const char* const host : {"10.77.0.2", "127.0.0.1", "10.78.0.1", "10.77.0.9"}) {
+    SCOPED_TRACE(host);
+    const ZunetRun own(folder, "own", std::string("ping -c 2 -W 1 ") + host);
+    const Process system({"ping", "-c", "2", "-W", "1", host}, folder / "system");
+    ASSERT_TRUE(system.WaitForEnd(30s));
+    EXPECT_EQ(own.Wait(), system.ExitStatus());
+    const bool isAlive = system.ExitStatus() == 0;
+    EXPECT_THAT(ReadFile(folder / "system"), HasSubstr(isAlive ? " 2 received" : " 0 received"));
+    EXPECT_THAT(own.Output(), HasSubstr(isAlive ? " 2 received" : " 0 received"));
+  }
 }
 
 TEST_F(ZunetPing, SizeAndTimeOutAreTaken) {

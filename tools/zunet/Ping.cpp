@@ -42,10 +42,8 @@ const char* Describe(KD_PING_STATE state) {
       return "no reply";
     case ZUPING_STATE_DATALOSS:
       return "short reply";
-    case ZUPING_STATE_BADCHECKSUM:
-      return "damaged reply";
     default:
-      return "foreign packet";
+      return "damaged reply";
   }
 }
 
@@ -98,6 +96,11 @@ class Report : public CZuPingCallback {
 
  private:
   static std::string LineOfFailure(const ZuPingResponse& response) {
+    if (response.currentPingState == ZUPING_STATE_ICMPERROR) {
+      return FXString::Format("%s, says %s: seq=%u\n",
+                              CZuPing::describeIcmpError(response.errorType, response.errorCode),
+                              response.errorSender.c_str(), response.currentPingSequenceNumber);
+    }
     return FXString::Format("%s from %s: seq=%u\n", Describe(response.currentPingState),
                             response.serverIP.c_str(), response.currentPingSequenceNumber);
   }
@@ -141,6 +144,7 @@ void Run(const Arguments& arguments) {
   CZuError error;
   std::thread series([&] {
     CZuPing ping;
+    ping.setOwnRepliesOnly(true);
     ZuPingResult result;
     error = ping.ping(arguments.host.c_str(), arguments.size, arguments.count, arguments.limitSecs,
                       nullptr, &report, result, false);
