@@ -290,22 +290,3 @@ TEST_F(Zunet, WrongUsageIsRefusedWithTheReason) {
     EXPECT_THAT(outcome.err, HasSubstr(text)) << arguments;
   }
 }
-
-TEST_F(Zunet, SignatureIsTheOneThatOpensslVerifies) {
-  WriteFile(m_folder / "data", "to be signed");
-  WriteFile(m_folder / "phrase", "secret\n");
-  const auto inFolder = [this](const char* name) { return (m_folder / name).string(); };
-  ::Run({"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=signer",
-         "-keyout", inFolder("key.pem"), "-out", inFolder("cert.pem")});
-  ::Run({"openssl", "pkcs12", "-export", "-inkey", inFolder("key.pem"), "-in", inFolder("cert.pem"),
-         "-passout", "pass:secret", "-out", inFolder("key.p12")});
-  ::Run({"openssl", "x509", "-in", inFolder("cert.pem"), "-noout", "-pubkey", "-out",
-         inFolder("public.pem")});
-  ASSERT_EQ(RunZunet("sign data --key key.p12 --pass-file phrase -o data.sig").status, 0);
-  EXPECT_EQ(::Run({"openssl", "dgst", "-sha256", "-verify", inFolder("public.pem"), "-signature",
-                   inFolder("data.sig"), inFolder("data")}),
-            "Verified OK\n");
-  const Outcome wrong = RunZunet("sign data --key key.p12");
-  EXPECT_EQ(wrong.status, 2);
-  EXPECT_THAT(wrong.err, HasSubstr("key.p12"));
-}

@@ -1,8 +1,7 @@
 #include <unistd.h>
 
-#include <cstdio>
-#include <limits>
 #include <memory>
+#include <utility>
 
 #include "Commands.h"
 #include "ZuNetwork/CurlWrapper.h"
@@ -23,38 +22,42 @@ struct Arguments {
 std::string ReadText(const std::string& path) {
   char* content = nullptr;
   size_t length = 0;
-  const CZuError error = CZuFile::ReadWholeFile(path.c_str(), &content, length);
+  CZuError error = CZuFile::ReadWholeFile(path.c_str(), &content, length);
   if (FXErrorUtil::IsWin32(error, kErrorEmpty)) return "";
-  ExitOnFailure(error);
+  if (Failed(error)) ExitOnFailure(error.Push(ZU_HERE, "Failed to read %s", path.c_str()));
   const std::unique_ptr<char[]> owner(content);
   return {content, length};
 }
 
-void Sign(const Arguments& arguments) {
-  constexpr size_t kLargestSignature = 4096;  // a key of 32768 bits
-  const std::string data = ReadText(arguments.file);
-  if (data.size() > std::numeric_limits<int>::max()) {
-    throw CLI::ValidationError("FILE: more than 2 GiB cannot be signed");
+const char* AdviceFor(const CZuError& error) {
+  constexpr std::pair<int, const char*> kAdvice[] = {
+      {kErrorNotPkcs12, "make one with openssl pkcs12 -export -inkey KEY -in CERTIFICATE"},
+      {kErrorPassPhrase, "name a file with the pass phrase by --pass-file"},
+      {kErrorNoRsaKey, "export an RSA key with openssl pkcs12 -export -inkey KEY -in CERTIFICATE"},
+  };
+  for (const auto& [code, advice] : kAdvice) {
+    if (FXErrorUtil::IsInt(error, code)) return advice;
   }
+  return nullptr;
+}
+
+void Sign(const Arguments& arguments) {
   std::string passPhrase;
   if (!arguments.passPhraseFile.empty()) passPhrase = ReadText(arguments.passPhraseFile);
   FXString::TrimRight(passPhrase, "\r\n");
+  std::string signature;
+  CZuError error = CurlWrapper::gCurlWrapper.SignFileSHA256withRSA(arguments.key, arguments.file,
+                                                                   passPhrase, signature);
+  if (Failed(error)) error.Push(ZU_HERE, "Failed to sign %s", arguments.file.c_str());
+  ExitOnFailure(error, AdviceFor(error));
 
-  unsigned char signature[kLargestSignature];
-  unsigned int size = 0;
-  if (CurlWrapper::gCurlWrapper.SignSHA256withRSA(arguments.key.c_str(), data.data(),
-                                                  static_cast<int>(data.size()), passPhrase.c_str(),
-                                                  signature, &size) != 1) {
-    ExitOnFailure(FXErrorUtil::ErrorInt(ZU_HERE, kErrorBadInput, "Cannot sign with the key of [%s]",
-                                        arguments.key.c_str()));
-  }
   KdCURL::FileSink sink;
   if (arguments.output.empty()) {
     sink.Use(STDOUT_FILENO);
   } else {
     ExitOnFailure(sink.Open(arguments.output));
   }
-  KdCURL::FileSink::Write(reinterpret_cast<char*>(signature), 1, size, &sink);
+  KdCURL::FileSink::Write(signature.data(), 1, signature.size(), &sink);
   ExitOnFailure(sink.Commit());
 }
 
