@@ -17,6 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::HasSubstr;
+using testing::Not;
 
 std::string Noise(std::size_t size) {
   std::mt19937_64 random(size);
@@ -268,6 +269,18 @@ TEST_F(ZunetStream, FailuresAreReported) {
     EXPECT_THAT(run.Errors(), HasSubstr(message));
     EXPECT_EQ(run.Output(), "");
   }
+}
+
+TEST_F(ZunetStream, BlacklistWithAnUnusedLineIsRefusedOnDemand) {
+  const std::string list = Quoted(File("list", "127.0.0.1\r\n"));
+  const ZunetRun strict(folder, "strict", "listen 0 --timeout 20 --strict --blacklist " + list);
+  EXPECT_EQ(strict.Wait(), 2);
+  EXPECT_THAT(strict.Errors(), HasSubstr("list:1 lists nobody: "));
+  EXPECT_THAT(strict.Errors(), Not(HasSubstr("listening")));
+  const ZunetRun lenient(folder, "lenient", "listen 0 --timeout 20 --blacklist " + list);
+  ConnectFrom("127.0.0.1", lenient.Port()).Close();
+  EXPECT_EQ(lenient.Wait(), 0);
+  EXPECT_THAT(lenient.Errors(), HasSubstr("list:1 lists nobody: "));
 }
 
 TEST_F(ZunetStream, SignalEndsTheWaitForAPeer) {

@@ -15,7 +15,7 @@ expect() {
   if [[ $wanted == 2 ]]; then
     [[ -z $out ]] || text="nothing on standard output"
     out=$(<"$folder/err")
-    [[ $out == "zunet: "*"$text"* ]] && out=$text
+    [[ $out == *"zunet: "*"$text"* ]] && out=$text
   fi
   if [[ $status != "$wanted" || $out != "$text" ]]; then
     printf 'zunet %s\n  expected %s: %s\n  got %s: %s\n' "$*" "$wanted" "$text" "$status" "$out"
@@ -70,6 +70,32 @@ test_blacklist() {
   expect 2 "Failed to open file, FileName=$folder/none" blacklist "$folder/none" 10.0.0.1
   expect 2 "Failed to read file, FileName=$folder" blacklist "$folder" 10.0.0.1
   expect 106 "" blacklist "$folder/list"
+  test_unused_lines
+}
+
+# Lines that list nobody are named, and are a failure on demand.
+test_unused_lines() {
+  printf '%s\n' 10.0.0.1 $'10.0.0.2\r' ' 10.0.0.3' '# a comment' 10.0.0.0/24 name.invalid \
+    $'red\x1b[31m' >"$folder/odd"
+  expect 1 $'10.0.0.1 listed\n10.0.0.2 not listed' blacklist "$folder/odd" 10.0.0.1 10.0.0.2
+  expect 2 "Not every line of $folder/odd could be used" \
+    blacklist "$folder/odd" 10.0.0.1 --strict
+  expect_unused "$folder/odd" 2 '[10.0.0.2\x0d]' 'line ends of another system'
+  expect_unused "$folder/odd" 3 '[ 10.0.0.3]' 'a line is a name or an address'
+  expect_unused "$folder/odd" 4 '[# a comment]' 'there are no comments'
+  expect_unused "$folder/odd" 5 '[10.0.0.0/24]' 'blocks are not taken'
+  expect_unused "$folder/odd" 6 '[name.invalid]' ''
+  expect_unused "$folder/odd" 7 '[red\x1b[31m]' ''
+  printf '10.0.0.1\n' >"$folder/good"
+  expect 0 "10.0.0.2 not listed" blacklist "$folder/good" 10.0.0.2 --strict
+}
+
+# expect_unused FILE NUMBER TEXT HINT: the command before said so.
+expect_unused() {
+  if ! grep -F "zunet: $1:$2 lists nobody: " "$folder/err" | grep -F "$3" | grep -qF "$4"; then
+    printf 'line %s of %s is not named with %s, %s\n' "$2" "$1" "$3" "$4"
+    failures=$((failures + 1))
+  fi
 }
 
 # In a network of its own, with names of its own.

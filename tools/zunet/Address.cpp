@@ -7,10 +7,10 @@
 #include <memory>
 #include <string_view>
 
+#include "Blacklist.h"
 #include "Commands.h"
 #include "Output.h"
 #include "ZuNetwork/ZuIPAddr.h"
-#include "ZuNetwork/ZuIPAddrBlacklist.h"
 
 namespace {
 
@@ -25,6 +25,7 @@ struct Arguments {
   bool all = false;
   bool macs = false;
   bool names = false;
+  bool isStrict = false;
 };
 
 // The value of a numeric text; ends the program for anything else.
@@ -159,7 +160,7 @@ void CheckBlacklist(const Arguments& arguments) {
   std::vector<CZuIPAddr> addresses;
   for (const std::string& text : arguments.addresses) addresses.push_back(ParseAddress(text));
   CZuIPAddrBlacklist blacklist;
-  ExitOnFailure(blacklist.LoadBlacklistFromFile(arguments.file.c_str()));
+  LoadBlacklist(arguments.file, arguments.isStrict, blacklist);
   bool isAnyListed = false;
   for (const CZuIPAddr& address : addresses) {
     const bool isListed = blacklist.IsAddressBlacklisted(address, nullptr, nullptr);
@@ -208,6 +209,7 @@ void AddAddressCommands(CLI::App& app) {
   command = AddCommand(app, arguments, "blacklist",
                        "Tell of each address whether a file of names and addresses lists it",
                        CheckBlacklist);
-  command->add_option("FILE", arguments->file)->required();
+  command->add_option("FILE", arguments->file, "A name or address a line")->required();
   command->add_option("ADDRESS", arguments->addresses)->required();
+  command->add_flag("--strict", arguments->isStrict, "Fail when a line lists nobody");
 }

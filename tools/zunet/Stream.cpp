@@ -13,10 +13,10 @@
 #include <cstdio>
 #include <memory>
 
+#include "Blacklist.h"
 #include "Commands.h"
 #include "Output.h"
 #include "Signals.h"
-#include "ZuNetwork/ZuIPAddrBlacklist.h"
 #include "ZuNetwork/ZuSocketSelector.h"
 
 namespace {
@@ -316,6 +316,7 @@ struct Arguments {
   int port = 0;
   int limitSecs = 0;
   std::string blacklist;
+  bool isStrict = false;
 };
 
 void ExchangeWith(CZuSocket& socket) {
@@ -338,7 +339,7 @@ void RunListen(const Arguments& arguments) {
   NoteSignals();
   CZuIPAddrBlacklist blacklist;
   if (!arguments.blacklist.empty()) {
-    ExitOnFailure(blacklist.LoadBlacklistFromFile(arguments.blacklist.c_str()));
+    LoadBlacklist(arguments.blacklist, arguments.isStrict, blacklist);
   }
   CZuSocket listener;
   ExitOnFailure(ListenEverywhere(arguments.port, listener));
@@ -361,8 +362,11 @@ void AddStreamCommands(CLI::App& app) {
       ->check(WholeNumber(0, kLargestPort, ""));
   command->add_option("--timeout", arguments->limitSecs, "Wait for the peer so many seconds")
       ->check(WholeNumber(1, 1'000'000, " seconds"));
-  command->add_option("--blacklist", arguments->blacklist,
-                      "Refuse the hosts in this file, one name or address a line");
+  CLI::Option* const blacklist =
+      command->add_option("--blacklist", arguments->blacklist,
+                          "Refuse the hosts in this file, one name or address a line");
+  command->add_flag("--strict", arguments->isStrict, "Fail when a line of that file lists nobody")
+      ->needs(blacklist);
   command->callback([arguments] { RunListen(*arguments); });
 
   command = app.add_subcommand(
