@@ -1,5 +1,7 @@
 #include "ZuNetwork/ZuFdset.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -86,6 +88,29 @@ CZuError ZuFdset::clr(KDSOCKET fd) {
 int ZuFdset::is_set(int fd) {
   EnsureInitialized();
   return kdfdset_isset(fd, &fdset);
+}
+
+bool ZuFdset::refresh(const ZuFdset& other) {
+  if (!isInitialize || !other.isInitialize || fdset.sock_cnt != other.fdset.sock_cnt) return false;
+  if (fdset.set == nullptr || other.fdset.set == nullptr) return false;
+  const KDSOCKET highest = std::max(fdset.max_sock, other.fdset.max_sock);
+  std::memmove(fdset.set, other.fdset.set, fdset_sz_bytes(highest + 1));  // may be the same set
+  fdset.max_sock = other.fdset.max_sock;
+  return true;
+}
+
+int ZuFdset::next(int first, int last) {
+  EnsureInitialized();
+  if (fdset.set == nullptr) return -1;
+  const auto end = std::min<std::int64_t>(std::int64_t{last} + 1, fdset.sock_cnt);
+  constexpr int kWordBits = 64;
+  for (std::int64_t fd = first; fd < end; fd += kWordBits - fd % kWordBits) {
+    const std::uint64_t word = fdset.set[fd / kWordBits] >> (fd % kWordBits);
+    if (word == 0) continue;
+    const std::int64_t found = fd + __builtin_ctzll(word);
+    return found < end ? static_cast<int>(found) : -1;
+  }
+  return -1;
 }
 
 bool ZuFdset::reserve(KDSOCKET fd) {

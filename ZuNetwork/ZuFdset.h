@@ -30,16 +30,24 @@ class ZUNETWORK_API ZuFdset {
   void zero();
 
   // Adds or removes a descriptor. Failures are ErrorWin32 774:
-  //   "Specified fd set is already full; Set size of %u"             set: no room
-  //   "Specified fd is out of bounds of this fd set; Set size of %u" clr: `fd` is beyond the
-  //   maximum "Bad fdset pointer passed to 'set' routine" (or 'clr')         the storage was lost
-  //   before
+  //   "Specified fd set is already full; Set size of %u"              set: no room for it
+  //   "Specified fd is out of bounds of this fd set; Set size of %u"  clr: beyond the maximum
+  //   "Bad fdset pointer passed to 'set' routine" (or 'clr')          the storage was lost before
   // The size is the present capacity. Growth that finds no memory loses the set and its storage.
   CZuError set(KDSOCKET fd);
   CZuError clr(KDSOCKET fd);
 
+  // Does what assignment does where both sets have the same capacity, and copies only the part of
+  // the storage in which either has a descriptor. False, and nothing done, where the capacities
+  // differ or one of them has no storage.
+  bool refresh(const ZuFdset& other);
+
   // 1 or 0; -1 when `fd` is negative or at or above the maximum, -2 when the storage was lost.
   int is_set(int fd);
+
+  // The lowest descriptor from `first` (0 or above) to `last` that is in the set, -1 when there is
+  // none.
+  int next(int first, int last);
 
   // Makes the storage hold the bit of `fd` and changes no bit. select() reads and writes the bits
   // of all descriptors up to the highest one that it is told of, so that each of its three sets

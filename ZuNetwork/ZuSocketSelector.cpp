@@ -8,17 +8,37 @@ namespace {
 // Makes `working` hold the registrations and room for the bits up to `maxFD`, which the system
 // reads and writes in each of its sets, also where all high descriptors are of another kind.
 bool Refresh(ZuFdset& working, const ZuFdset& saved, KDSOCKET maxFD) {
-  working = saved;
+  if (!working.refresh(saved)) working = saved;
   if (working.reserve(maxFD)) return true;
   if (Failed(working.init())) return false;  // mends a set that lost its storage
   working = saved;
   return working.reserve(maxFD);
 }
 
-ZuSocketSet Selected(const ZuSocketSet& registered, ZuFdset& working) {
+// By asking for each socket: a set that lost its storage, or never had room for the highest socket,
+// answers neither yes nor no, which counts as yes.
+ZuSocketSet SelectedOneByOne(const ZuSocketSet& registered, ZuFdset& working) {
   ZuSocketSet selected;
   for (const CZuSocket& socket : registered) {
     if (working.is_set(socket.GetDescriptor()) != 0) selected.insert(selected.end(), socket);
+  }
+  return selected;
+}
+
+// By walking the bits that are set: of thousands of sockets few are ready at once.
+ZuSocketSet Selected(const ZuSocketSet& registered, ZuFdset& working) {
+  ZuSocketSet selected;
+  if (registered.empty()) return selected;
+  const int last = registered.rbegin()->GetDescriptor();
+  if (working.is_set(last) < 0) return SelectedOneByOne(registered, working);
+  CZuSocket wanted;
+  auto position = registered.begin();
+  for (int fd = working.next(0, last); fd != -1; fd = working.next(fd + 1, last)) {
+    if (position == registered.end() || position->GetDescriptor() != fd) {
+      wanted.AttachConnectedSocket(fd);
+      position = registered.find(wanted);
+    }
+    if (position != registered.end()) selected.insert(selected.end(), *position++);
   }
   return selected;
 }
@@ -122,7 +142,7 @@ CZuError CZuSocketSelector::Select(const timeval* timeout, bool* timedOut) {
   if (count < 0) {
     const int err = errno;
     if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
-    return {};  // no reason, no failure; nobody is told of a time-out either
+    return {};  // a failure without an errno is passed over, and *timedOut stays as it was
   }
   if (timedOut != nullptr) *timedOut = count == 0;
   return {};

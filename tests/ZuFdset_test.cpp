@@ -1,5 +1,6 @@
 #include "ZuNetwork/ZuFdset.h"
 
+#include <climits>
 #include <functional>
 #include <memory>
 #include <type_traits>
@@ -176,6 +177,73 @@ TEST_F(ZuFdsetTest, FailureCarriesTheSignatureOfItsFunction) {
 }
 
 // ---- Copying ----
+
+TEST_F(ZuFdsetTest, RefreshCopiesAsAssignmentDoes) {
+  const struct {
+    Fds before;
+    Fds other;
+  } rows[] = {
+      {{}, {}},          {{5}, {}},      {{}, {5}},
+      {{8191}, {0}},     {{0}, {8191}},  {{1, 63, 64, 700}, {2, 64}},
+      {{700}, {1, 63}},  {{127}, {128}}, {{9000}, {19999, 1}},
+      {{19999}, {9000}},
+  };
+  for (const auto& row : rows) {
+    OpenSet copy;
+    OpenSet other;
+    copy.zero();
+    other.zero();
+    Fill(copy, row.before);
+    Fill(other, row.other);
+    EXPECT_TRUE(copy.refresh(other));
+    EXPECT_EQ(Members(copy), Members(other));
+    EXPECT_EQ(copy.get_maxfd(), other.get_maxfd());
+    EXPECT_TRUE(copy.refresh(copy)) << "to itself";
+    EXPECT_EQ(Members(copy), Members(other));
+  }
+}
+
+TEST_F(ZuFdsetTest, RefreshLeavesSetsOfAnotherCapacity) {
+  OpenSet small;
+  Fill(small, {1});
+  OpenSet large;
+  Fill(large, {9000});
+  OpenSet unused;
+  OpenSet lost;
+  Fill(lost, {1});
+  Lose(lost);
+  for (OpenSet* const other : {&large, &unused, &lost}) {
+    EXPECT_FALSE(small.refresh(*other));
+    EXPECT_FALSE(other->refresh(small));
+  }
+  EXPECT_EQ(Members(small), Fds{1});
+  EXPECT_EQ(Members(large), Fds{9000});
+  EXPECT_FALSE(unused.isInitialize);
+}
+
+TEST_F(ZuFdsetTest, NextFindsTheLowestFromHereToThere) {
+  EXPECT_EQ(set.next(0, 8191), -1);
+  Fill(set, {0, 63, 64, 200, 8191});
+  const struct {
+    int first;
+    int last;
+    int found;
+  } rows[] = {
+      {0, 8191, 0},           {0, 0, 0},         {1, 8191, 63},        {1, 62, -1},
+      {63, 63, 63},           {64, 64, 64},      {65, 199, -1},        {65, 200, 200},
+      {201, 8190, -1},        {201, 8191, 8191}, {201, INT_MAX, 8191}, {8192, INT_MAX, -1},
+      {INT_MAX, INT_MAX, -1}, {5, 4, -1},        {0, -1, -1},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(set.next(row.first, row.last), row.found) << row.first << " to " << row.last;
+  }
+  Fill(set, {19999});
+  EXPECT_EQ(set.next(8192, INT_MAX), 19999);
+  ZuFdset lost;
+  Fill(lost, {1});
+  Lose(lost);
+  EXPECT_EQ(lost.next(0, 8191), -1);
+}
 
 TEST_F(ZuFdsetTest, CopyOfAnUnusedSetIsUnused) {
   const OpenSet unused;

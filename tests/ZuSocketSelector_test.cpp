@@ -465,6 +465,66 @@ TEST_F(ZuSocketSelectorHigh, WaitWithoutMemoryIsReported) {
 
 // ---- High descriptors ----
 
+// The bits of the wait before are not left behind where fewer are needed.
+TEST_F(ZuSocketSelector, ResultOfASocketEndsWithItsRegistration) {
+  OwnedSocket high;
+  ASSERT_NO_FATAL_FAILURE(Duplicate(first, 700, high));
+  ASSERT_NO_FATAL_FAILURE(MakeReadable(first));
+  CZuSocketSelector selector;
+  selector.SetReadSocket(high);
+  selector.SetReadSocket(second);
+  ASSERT_OK(selector.Select(&kNow, &timedOut));
+  EXPECT_EQ(DescriptorsOf(selector.GetReadSelected()), Descriptors{700});
+  selector.ClearReadSocket(high);
+  ASSERT_OK(selector.Select(&kNow, &timedOut));
+  EXPECT_TRUE(timedOut);
+  selector.SetReadSocket(high);
+  EXPECT_TRUE(selector.GetReadSelected().empty()) << "it was not waited for";
+  ASSERT_OK(selector.Select(&kNow, &timedOut));
+  EXPECT_EQ(DescriptorsOf(selector.GetReadSelected()), Descriptors{700});
+}
+
+TEST_F(ZuSocketSelector, FindsWhatIsReadyAmongManyInAnyPattern) {
+  constexpr int kCount = 300;
+  for (const int step : {1, 2, 3, 63, 64, 65, 299}) {
+    SCOPED_TRACE(step);
+    std::vector<OwnedSocket> ends(2 * kCount);
+    CZuSocketSelector selector;
+    Descriptors expected;
+    for (int i = 0; i < kCount; ++i) {
+      int pair[2];
+      ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+      ends[2 * i].AttachConnectedSocket(pair[0]);
+      ends[2 * i + 1].AttachConnectedSocket(pair[1]);
+      selector.SetReadSocket(ends[2 * i]);
+      selector.SetWriteSocket(ends[2 * i]);
+      if (i % step != 0) continue;
+      ASSERT_OK(ends[2 * i + 1].Send("x", 1, 0, nullptr));
+      expected.push_back(pair[0]);
+    }
+    ASSERT_OK(selector.Select(&kNow, &timedOut));
+    EXPECT_EQ(DescriptorsOf(selector.GetReadSelected()), expected);
+    EXPECT_EQ(selector.GetWriteSelected().size(), std::size_t{kCount});
+  }
+}
+
+// Its answer to every question is neither yes nor no.
+TEST_F(ZuSocketSelectorHigh, EverySocketOfASetWithoutStorageCountsAsReady) {
+  OwnedSocket high;
+  ASSERT_NO_FATAL_FAILURE(Duplicate(first, 9000, high));
+  CZuSocketSelector selector;
+  selector.SetWriteSocket(high);
+  selector.SetReadSocket(first);
+  selector.SetReadSocket(second);
+  {
+    const counted_calloc::NoCalloc none;
+    EXPECT_FAILS(selector.Select(&kNow, &timedOut), ErrNoCode(ENOMEM), "Select");
+  }
+  EXPECT_EQ(selector.GetReadSelected().size(), 2u);
+  ASSERT_OK(selector.Select(&kNow, &timedOut));
+  EXPECT_TRUE(selector.GetReadSelected().empty());
+}
+
 TEST_F(ZuSocketSelectorHigh, WaitsOnAnyDescriptorBelowTheMaximum) {
   for (const int descriptor : {1023, 1024, 5000, 8191, 8192, 9000, kMaximum - 1}) {
     SCOPED_TRACE(descriptor);
