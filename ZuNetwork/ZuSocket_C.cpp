@@ -1,6 +1,7 @@
 #include "ZuNetwork/ZuSocket_C.h"
 
 #include <arpa/inet.h>
+#include <endian.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -61,17 +62,23 @@ const sockaddr* Raw(const ZUNET_SockAddr* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
 
-const unsigned char* AddressBytes(const ZUNET_SockAddr& address) {
-  const bool isV4 = address.addr.f.family == AF_INET;
-  return reinterpret_cast<const unsigned char*>(&address) +
-         (isV4 ? offsetof(sockaddr_in, sin_addr) : offsetof(sockaddr_in6, sin6_addr));
+// Whether the first `bits` of the addresses, 1 to 32, are alike.
+bool SameV4Prefix(const ZUNET_SockAddr& left, const ZUNET_SockAddr& right, int bits) {
+  return ntohl(V4Word(left) ^ V4Word(right)) >> (32 - bits) == 0;
 }
 
-bool SamePrefix(const unsigned char* left, const unsigned char* right, unsigned bits) {
-  const unsigned whole = bits / 8;
-  if (std::memcmp(left, right, whole) != 0) return false;
-  const unsigned rest = bits % 8;
-  return rest == 0 || ((left[whole] ^ right[whole]) >> (8 - rest)) == 0;
+std::uint64_t V6Word(const ZUNET_SockAddr& address, int index) {
+  std::uint64_t word;
+  std::memcpy(&word, address.addr.v6.sin6_addr.s6_addr + 8 * index, sizeof word);
+  return word;
+}
+
+// The same of 1 to 128 bits.
+bool SameV6Prefix(const ZUNET_SockAddr& left, const ZUNET_SockAddr& right, int bits) {
+  const std::uint64_t first = be64toh(V6Word(left, 0) ^ V6Word(right, 0));
+  if (bits <= 64) return first >> (64 - bits) == 0;
+  const std::uint64_t second = be64toh(V6Word(left, 1) ^ V6Word(right, 1));
+  return first == 0 && second >> (128 - bits) == 0;
 }
 
 socklen_t TextSize(std::size_t size) {
@@ -472,11 +479,10 @@ int ZUNET_addrequal(ZUNET_SockAddr* addr1, ZUNET_SockAddr* addr2, int bits, int 
   if (addr1 == nullptr || addr2 == nullptr) return 0;
   if (addr1->addr.f.family != addr2->addr.f.family) return 0;
   if (cmp_ports != 0 && ZUNET_getport(addr1) != ZUNET_getport(addr2)) return 0;
-  const int width = addr1->addr.f.family == AF_INET ? 32 : 128;
-  const int compared = bits < 1 || bits > width ? width : bits;
-  return SamePrefix(AddressBytes(*addr1), AddressBytes(*addr2), static_cast<unsigned>(compared))
-             ? 1
-             : 0;
+  if (addr1->addr.f.family == AF_INET) {
+    return SameV4Prefix(*addr1, *addr2, bits < 1 || bits > 32 ? 32 : bits) ? 1 : 0;
+  }
+  return SameV6Prefix(*addr1, *addr2, bits < 1 || bits > 128 ? 128 : bits) ? 1 : 0;
 }
 
 void ZUNET_setport(ZUNET_SockAddr* addr, int port) {
