@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace FXString {
 
@@ -18,6 +19,10 @@ CZuError FormatArgList(std::string& text, const char* fmt, va_list args) {
   text.clear();
   if (fmt == nullptr) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
+  }
+  if (std::strchr(fmt, '%') == nullptr) {
+    text.assign(fmt);
+    return {};
   }
   va_list again;
   va_copy(again, args);

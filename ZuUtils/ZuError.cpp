@@ -4,9 +4,13 @@
 
 #include <boost/container/small_vector.hpp>
 #include <boost/smart_ptr/make_shared.hpp>
+#include <charconv>
 #include <cstdarg>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
 #include "ZuUtils/FXString.h"
@@ -39,14 +43,32 @@ int MakeWin32Code(unsigned code) {
   return number < 0 ? number : MakeCode(kFacilityWin32, number);
 }
 
+void AppendNumber(int number, std::string& text) {
+  char digits[std::numeric_limits<int>::digits10 + 2];
+  const auto end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
+  text.append(digits, end);
+}
+
+// "file:line, function"
+void AppendPlace(const FXCodeLocation& where, std::string& text) {
+  text.append(where.m_pcszFile) += ':';
+  AppendNumber(where.m_iLine, text);
+  text.append(", ").append(where.m_pcszFunction);
+}
+
 class MessageItem : public FXErrorItem {
  public:
   MessageItem(const FXCodeLocation& where, std::string message)
       : FXErrorItem(where), m_message(std::move(message)) {}
 
-  std::string AsString() const override {
-    std::string text = FXErrorItem::AsString();
+  void AppendTo(std::string& text) const {
+    AppendPlace(FXErrorItem::GetLocation(), text);
     text.append(", ").append(m_message);
+  }
+
+  std::string AsString() const override {
+    std::string text;
+    AppendTo(text);
     return text;
   }
 
@@ -57,6 +79,18 @@ class MessageItem : public FXErrorItem {
  private:
   std::string m_message;
 };
+
+// What AsString of the item returns, for the two classes of this file without a string of its own.
+void AppendItem(const FXErrorItem& item, std::string& text) {
+  const std::type_info& type = typeid(item);
+  if (type == typeid(MessageItem)) {
+    static_cast<const MessageItem&>(item).AppendTo(text);
+  } else if (type == typeid(FXErrorItem)) {
+    AppendPlace(item.FXErrorItem::GetLocation(), text);
+  } else {
+    text.append(item.AsString());
+  }
+}
 
 // A format that cannot be rendered still says more than no message.
 std::string FormatMessage(const char* fmt, va_list args) {
@@ -71,14 +105,12 @@ CZuError MakeError(int code, const FXCodeLocation& where, std::string message) {
 
 // The number in the lower half. A resolver's code, which is negative, came through the maker for
 // errno values and lost its upper half there.
-void AppendNumber(std::uint32_t code, const char* kind, std::string& text) {
+void AppendKind(std::uint32_t code, const char* kind, std::string& text) {
   const auto number = static_cast<std::int16_t>(code & kNumberMask);
-  if ((code & ~kNumberMask) == kFacilityErrNo && number < 0) {
-    text.append(" (resolver ").append(std::to_string(number)).append(1, ')');
-  } else {
-    text.append(" (").append(kind).append(1, ' ');
-    text.append(std::to_string(code & kNumberMask)).append(1, ')');
-  }
+  const bool isResolver = (code & ~kNumberMask) == kFacilityErrNo && number < 0;
+  text.append(" (").append(isResolver ? "resolver" : kind) += ' ';
+  AppendNumber(isResolver ? number : static_cast<int>(code & kNumberMask), text);
+  text += ')';
 }
 
 // "0x80070306 (system 774)"
@@ -89,7 +121,7 @@ void AppendCode(std::uint32_t code, std::string& text) {
     text += "0123456789ABCDEF"[code >> shift & 15];
   if (static_cast<std::int32_t>(code) >= 0) text += " (success)";
   for (const auto& [facility, kind] : kKinds) {
-    if ((code & ~kNumberMask) == facility) AppendNumber(code, kind, text);
+    if ((code & ~kNumberMask) == facility) AppendKind(code, kind, text);
   }
 }
 
@@ -104,13 +136,9 @@ std::string SystemText(int err) {
 FXErrorItem::~FXErrorItem() = default;
 
 std::string FXErrorItem::AsString() const {
-  const std::string line = std::to_string(m_location.m_iLine);
-  const std::size_t fileLength = std::strlen(m_location.m_pcszFile);
-  const std::size_t functionLength = std::strlen(m_location.m_pcszFunction);
   std::string text;
-  text.reserve(fileLength + line.size() + functionLength + 64);  // room for what is added behind
-  text.append(m_location.m_pcszFile, fileLength).append(1, ':').append(line).append(", ");
-  return text.append(m_location.m_pcszFunction, functionLength);
+  AppendPlace(m_location, text);
+  return text;
 }
 
 const FXCodeLocation& FXErrorItem::GetLocation() const { return m_location; }
@@ -168,7 +196,7 @@ std::string CZuError::AsString() const {
   text.reserve(kUsualLength);
   AppendCode(static_cast<std::uint32_t>(m_hrErrorCode), text);
   if (m_ptrPrivate) {
-    for (const auto& item : m_ptrPrivate->items) text.append("\n  ").append(item->AsString());
+    for (const auto& item : m_ptrPrivate->items) AppendItem(*item, text.append("\n  "));
   }
   return text;
 }
