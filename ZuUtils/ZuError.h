@@ -26,9 +26,16 @@ struct FXCodeLocation {
   int m_iLine = 0;
 };
 
+// The base name of the source file, also with compilers that do not tell it (GCC before 12).
+#ifdef __FILE_NAME__
+#define ZU_FILE_NAME __FILE_NAME__
+#else
+#define ZU_FILE_NAME (__builtin_strrchr("/" __FILE__, '/') + 1)
+#endif
+
 // The location of the line it stands on. Not for lambdas and templates, whose signature says
 // nothing to a reader: hand them the location of the function that uses them.
-#define ZU_HERE (FXCodeLocation{__FILE_NAME__, __PRETTY_FUNCTION__, __LINE__})
+#define ZU_HERE (FXCodeLocation{ZU_FILE_NAME, __PRETTY_FUNCTION__, __LINE__})
 
 // One entry of an error's list. Items are immutable and shared between copies of an error.
 class ZUUTILS_API FXErrorItem {
