@@ -23,7 +23,8 @@ char gMissingText[] = "Failed to load libcurl.";
 
 }  // namespace
 
-CurlWrapper CurlWrapper::gCurlWrapper;
+// Before what programs make in their initialisers, which in a static library else come first.
+CurlWrapper CurlWrapper::gCurlWrapper __attribute__((init_priority(101)));
 
 // Memory that is short while a program starts must not end it: the next call tries again.
 CurlWrapper::CurlWrapper() {

@@ -1,6 +1,6 @@
 #!/bin/bash
-# check_headers.sh PREFIX SOURCE: the headers of SOURCE, and nothing else, are installed in PREFIX;
-# each compiles alone, and twice, without a warning.
+# check_headers.sh PREFIX SOURCE: the public headers of SOURCE, and nothing else, are installed in
+# PREFIX; each compiles alone, and twice, without a warning.
 set -euo pipefail
 prefix=$1
 source=$2
@@ -8,7 +8,7 @@ source=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-(cd "$source" && find ZuUtils ZuNetwork zu -name '*.h' ! -path '*/internal/*' | sort) >"$work/expected"
+(cd "$source" && find ZuUtils ZuNetwork zu -maxdepth 1 -name '*.h' | sort) >"$work/expected"
 (cd "$prefix/include" && find . -type f -printf '%P\n' | sort) >"$work/installed"
 diff "$work/expected" "$work/installed"
 

@@ -34,6 +34,9 @@ report=$("$work/utils_consumer") || fail "$report"
   fail "the utilities alone need the network library"
 
 [[ $("$work/plain") == 127.0.0.1 ]] || fail "the C program says otherwise"
+for program in load_time early; do
+  [[ $("$work/$program") == "in time" ]] || fail "$program: $("$work/$program")"
+done
 
 # The libraries that run are those of the prefix.
 ldd "$work/consumer" | grep libZu

@@ -14,15 +14,17 @@ fail() {
 }
 
 folder=$(dirname "$(find "$prefix" -name zunetwork.pc)")
-export PKG_CONFIG_LIBDIR=$folder
-unset PKG_CONFIG_PATH
+export PKG_CONFIG_PATH=$folder
 
 [[ $(pkg-config --modversion zunetwork) == "$version" ]] || fail "another version is told"
 pkg-config --print-errors --exists 'zunetwork >= 1.0'
+missing=$(PKG_CONFIG_LIBDIR=$folder pkg-config --print-errors --cflags zunetwork 2>&1 || true)
+[[ $missing == *"'libcurl', required by 'zunetwork', not found"* ]] || fail "told is: $missing"
 pkg-config --exists 'zunetwork >= 2.0' && fail "version 2.0 is promised"
 
 read -r -a flags < <(pkg-config --cflags --libs zunetwork)
 read -r -a own <<<"${CXXFLAGS:-}"
+[[ ${flags[*]} != *-lcurl* ]] || fail "libcurl would be linked: ${flags[*]}"
 libraries=$(pkg-config --variable=libdir zunetwork)
 "${CXX:-c++}" -std=c++17 "${own[@]}" -Wall -Wextra -Werror -DVERSION="\"$version\"" \
   -o "$work/consumer" "$source/consumer.cpp" "${flags[@]}"
