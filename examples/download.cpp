@@ -1,5 +1,7 @@
 // Downloads a file: download http://HOST[:PORT] /PATH FILE
+// [include]
 #include <ZuNetwork/KdHTTPReq.h>
+// [include]
 
 #include <cstdio>
 

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Runs the examples and checks what they print. Usage: examples_test.sh FOLDER-OF-THE-PROGRAMS
 set -euo pipefail
+# shellcheck source=examples/nginx.sh
+source "$(dirname "$0")/../../examples/nginx.sh"
 programs=$1
 folder=$(mktemp -d)
 servers=()
@@ -38,7 +40,7 @@ expect_status() { # STATUS COMMAND...
 run() { timeout 30 "$programs/example_$1" "${@:2}"; }
 
 # Sets port.
-start_server() {
+start_example() {
   local log=$folder/$1.log wait
   : >"$log"
   "$programs/example_$1" 0 "${@:2}" >"$log" 2>&1 &
@@ -96,7 +98,7 @@ test_echo() {
   local server client long
   long=$(printf 'x%.0s' {1..100000})
   for server in echo_server echo_server_c; do
-    start_server "$server"
+    start_example "$server"
     for client in echo_client echo_client_c; do
       expect "$client of $server" "hello, world" "$(run "$client" 127.0.0.1 "$port" "hello, world")"
       expect "long text" "$long" "$(run "$client" localhost "$port" "$long")"
@@ -135,7 +137,7 @@ test_second_address() {
 
 test_chat() {
   local i
-  start_server chat_server
+  start_example chat_server
   exec 3<>"/dev/tcp/127.0.0.1/$port"
   exec 4<>"/dev/tcp/127.0.0.1/$port"
   hear 3
@@ -180,7 +182,7 @@ guess() { # PASSWORD
 }
 
 test_guard() {
-  start_server guarded_server sesame
+  start_example guarded_server sesame
   guess sesame
   expect "right password" welcome "$line"
   for _ in 1 2 3; do
@@ -192,11 +194,39 @@ test_guard() {
   expect_match "log" "refused 127.0.0.1" "$(<"$folder/guarded_server.log")"
 
   echo 127.0.0.1 >"$folder/blacklist"
-  start_server guarded_server sesame "$folder/blacklist"
+  start_example guarded_server sesame "$folder/blacklist"
   guess sesame
   expect "blacklisted from the start" "" "$line"
   expect_status 1 "$programs/example_guarded_server" 0 sesame "$folder/missing"
   expect_match "no file" "Failed to open file" "$(<"$folder/err")"
+}
+
+test_settings() {
+  printf 'colour=blue\n' >"$folder/settings"
+  expect "settings" colour=blue "$(run settings "$folder/settings")"
+  expect_status 1 "$programs/example_settings" "$folder/missing"
+  expect_match "no file" "No such file or directory.*No settings in $folder/missing" \
+    "$(<"$folder/err")"
+}
+
+test_transfers() {
+  mkdir "$folder/web"
+  start_nginx "$folder/web" "autoindex on;"
+  servers+=("$nginx_process")
+  mkdir "$folder/web/www/pub" "$folder/web/www/pub/deeper"
+  printf 'some text' >"$folder/web/www/pub/file"
+  run download "http://127.0.0.1:$nginx_port" /pub/file "$folder/file" 2>/dev/null
+  expect "download" "some text" "$(<"$folder/file")"
+  expect "list" $'deeper/\nfile' \
+    "$(run list "http://127.0.0.1:$nginx_port" /pub/ "$folder/page" | sort)"
+  expect_status 1 "$programs/example_list" "http://127.0.0.1:$nginx_port" /none/ "$folder/page"
+  expect_match "no folder" "404" "$(<"$folder/err")"
+
+  # A server that does not speak TLS, and a bundle that is not there; no word of the password.
+  expect_status 1 "$programs/example_secure_download" "127.0.0.1:$nginx_port" /pub/file \
+    "$folder/secret" bob s3cret
+  expect_match "no TLS" "\(transfer (35|77)\)" "$(<"$folder/err")"
+  [[ ! -e $folder/secret && $(<"$folder/err") != *s3cret* ]] || fail "password or file: $(<"$folder/err")"
 }
 
 test_cidr
@@ -206,4 +236,6 @@ test_echo
 test_second_address
 test_chat
 test_guard
+test_settings
+test_transfers
 echo "all examples did what they should"
