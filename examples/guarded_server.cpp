@@ -86,6 +86,18 @@ CZuError Run(int port, const std::string& password, Guard& guard) {
 }
 // [guarded_server]
 
+// [blacklist]
+CZuError Load(CZuIPAddrBlacklist& blacklist, const char* path) {
+  std::vector<CZuIPAddrBlacklistSkippedLine> skipped;
+  CZuError error = blacklist.LoadBlacklistFromFile(path, skipped);
+  if (Failed(error)) error.Push(ZU_HERE);
+  for (const CZuIPAddrBlacklistSkippedLine& line : skipped) {
+    std::fprintf(stderr, "line %lu lists nobody\n", line.m_number);
+  }
+  return error;
+}
+// [blacklist]
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -95,7 +107,7 @@ int main(int argc, char** argv) {
   }
   Guard guard;
   CZuError error;
-  if (argc == 4) error = guard.banned.LoadBlacklistFromFile(argv[3]);
+  if (argc == 4) error = Load(guard.banned, argv[3]);
   if (!Failed(error)) error = Run(std::atoi(argv[1]), argv[2], guard);
   std::fprintf(stderr, "%s\n", error.AsString().c_str());
   return 1;

@@ -25,7 +25,10 @@ CZuError Ping(const char* host, ZuPingResult& result) {
   constexpr unsigned kRequests = 3;
   constexpr unsigned kSecondsToWait = 2;
   Printer printer;
+  // [own]
   CZuPing ping;
+  ping.setOwnRepliesOnly(true);
+  // [own]
   CZuError error =
       ping.ping(host, kBytes, kRequests, kSecondsToWait, nullptr, &printer, result, false);
   if (Failed(error)) error.Push(ZU_HERE);
