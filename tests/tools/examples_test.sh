@@ -125,7 +125,7 @@ test_second_address() {
     echo "left out: no right to give a name two addresses"
     return
   fi
-  start_server echo_server # on IPv4 alone, which is the second
+  start_example echo_server # on IPv4 alone, which is the second
   for client in echo_client echo_client_c; do
     expect_status 0 "${private[@]}" "$programs/example_$client" two "$port" hello
     expect "$client" hello "$(<"$folder/out")"
