@@ -199,6 +199,12 @@ CZuError FileSink::LockPart(const FXCodeLocation& where, const std::string& path
   return {};
 }
 
+CZuError FileSink::StartOver() {
+  if (m_temporaryPath.empty()) return {};
+  if (ftruncate(m_descriptor, 0) == 0 && lseek(m_descriptor, 0, SEEK_SET) == 0) return {};
+  return ErrorErrNo(ZU_HERE, errno, "Failed to empty file [%s]", m_temporaryPath.c_str());
+}
+
 void FileSink::Use(int descriptor) {
   GiveUp();
   m_descriptor = descriptor;

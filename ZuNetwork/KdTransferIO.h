@@ -50,6 +50,10 @@ class ZUNETWORK_API FileSink {
   // it. A symbolic link of that name is ELOOP.
   CZuError OpenForResume(const std::string& path, std::int64_t& offset);
 
+  // Throws away what the file has so far, to receive it from its first byte on. A device, a pipe or
+  // a descriptor of the caller's keeps what it got.
+  CZuError StartOver();
+
   // Writes to a descriptor of the caller's, such as standard output, which stays open. A file that
   // is open is given up.
   void Use(int descriptor);

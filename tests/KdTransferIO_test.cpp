@@ -315,6 +315,23 @@ TEST_F(FileSink, AnInterruptedFileGoesOnWhereItStopped) {
   EXPECT_THAT(Names(), ElementsAre("file"));
 }
 
+TEST_F(FileSink, AFileThatStartsOverHasOnlyWhatCameAfter) {
+  for (const bool isResumed : {true, false}) {
+    SCOPED_TRACE(isResumed);
+    WriteFile(m_path + ".part", "an older part");
+    KdCURL::FileSink sink;
+    std::int64_t offset = 0;
+    ASSERT_OK(isResumed ? sink.OpenForResume(m_path, offset) : sink.Open(m_path));
+    std::string more = "more";
+    ASSERT_EQ(KdCURL::FileSink::Write(more.data(), 1, more.size(), &sink), more.size());
+    EXPECT_OK(sink.StartOver());
+    std::string text = "new";
+    ASSERT_EQ(KdCURL::FileSink::Write(text.data(), 1, text.size(), &sink), text.size());
+    EXPECT_OK(sink.Commit());
+    EXPECT_EQ(ReadFile(m_path), "new");
+  }
+}
+
 TEST_F(FileSink, AResumedFileKeepsPermissionsAndLinks) {
   WriteFile(m_path, "old");
   fs::permissions(m_path, fs::perms{0600});
