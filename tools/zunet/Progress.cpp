@@ -9,6 +9,8 @@ namespace {
 constexpr int kBarWidth = 40;
 constexpr double kBytesPerMiB = 1048576.0;
 
+bool gIsLineOpen = false;
+
 double MiB(std::int64_t bytes) { return static_cast<double>(bytes) / kBytesPerMiB; }
 
 }  // namespace
@@ -22,6 +24,7 @@ void DrawProgress(std::int64_t done, std::int64_t total) {
   if (done == 0 || isFinished || (!isComplete && Clock::now() < next)) return;
   next = Clock::now() + kInterval;
   isFinished = isComplete;
+  gIsLineOpen = !isComplete;
   if (total <= 0) {
     std::fprintf(stderr, "\r%10.1f MiB", MiB(done));
     return;
@@ -32,4 +35,9 @@ void DrawProgress(std::int64_t done, std::int64_t total) {
   bar.resize(kBarWidth, ' ');
   std::fprintf(stderr, "\r%3.0f%% [%s] %.1f / %.1f MiB%s", part * 100, bar.c_str(), MiB(done),
                MiB(total), isComplete ? "\n" : "");
+}
+
+void FinishProgress() {
+  if (gIsLineOpen) std::fputs("\n", stderr);
+  gIsLineOpen = false;
 }

@@ -1,142 +1,237 @@
 #include "Session.h"
 
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
 
 #include "Commands.h"
+#include "Login.h"
 #include "Progress.h"
-#include "ZuNetwork/KdSFTPReq.h"
+#include "Secrets.h"
+#include "Signals.h"
 
 namespace {
 
-volatile std::sig_atomic_t gIsInterrupted = 0;
+constexpr char kSystemBundle[] = "/etc/ssl/certs/ca-certificates.crt";
 
-void Interrupt(int /*signal*/) { gIsInterrupted = 1; }
-
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-
-// A URL of a server alone lacks the path that separates it from a query.
-std::string WithPath(std::string url) {
-  const size_t scheme = url.find("://");
-  if (scheme == std::string::npos) throw CLI::ValidationError("URL: " + url + " has no scheme");
-  const size_t end = url.find_first_of("/?#", scheme + 3);
-  if (end == std::string::npos) return url + "/";
-  if (url[end] != '/') url.insert(end, "/");
-  return url;
-}
-
-size_t PathStart(const std::string& url) { return url.find('/', url.find("://") + 3); }
-
-// The parts of libcurl's trace that would give a secret away.
-bool IsSecret(const std::string& line) {
-  for (const char* word : {"authorization:", "cookie:"}) {
-    if (strcasestr(line.c_str(), word) != nullptr) return true;
+// The variables are those that curl and OpenSSL know.
+std::string CaBundle(const SessionOptions& options) {
+  if (!options.caBundle.empty()) return options.caBundle;
+  for (const char* const name : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
+    const char* const value = std::getenv(name);
+    if (value != nullptr && *value != '\0') return value;
   }
-  return StartsWith(line, "PASS ");
+  return kSystemBundle;
+}
+
+long ProxyAuth(const std::string& name) {
+  if (name == "basic") return CURLAUTH_BASIC;
+  if (name == "digest") return CURLAUTH_DIGEST;
+  return static_cast<long>(CURLAUTH_ANY);
+}
+
+std::string_view Trimmed(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t\r\n";
+  text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+  return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+}
+
+std::pair<std::string_view, std::string_view> FieldOf(std::string_view line) {
+  const size_t colon = std::min(line.find(':'), line.size());
+  return {line.substr(0, colon), Trimmed(line.substr(std::min(colon + 1, line.size())))};
 }
 
 }  // namespace
 
-std::pair<std::string, std::string> SplitAt(const std::string& text, char separator) {
-  const size_t position = text.find(separator);
-  if (position == std::string::npos) return {text, ""};
-  return {text.substr(0, position), text.substr(position + 1)};
+void AnswerHeader::Take(std::string_view line) {
+  if (m_isComplete) m_lines.clear();
+  m_isComplete = Trimmed(line).empty();
+  m_lines.emplace_back(line);
+}
+
+std::string AnswerHeader::Find(const std::string& name) const {
+  std::string found;
+  for (const std::string& line : m_lines) {
+    const auto [field, value] = FieldOf(line);
+    if (EqualsIgnoringCase(field, name)) found = value;
+  }
+  return found;
 }
 
 Session::Session(const std::string& url, const SessionOptions& options)
-    : m_options(options), m_url(WithPath(url)) {
+    : m_options(options), m_url(Url::Parse(url)) {
   MakeRequest();
-  ExitOnFailure(m_request->initialize());
   ExitOnFailure(m_request->setTraceCallBack(this, Trace));
-  std::signal(SIGINT, Interrupt);
   ExitOnFailure(m_request->setProgressCallBack(this, Watch));
-  m_request->setURL(m_url.substr(0, PathStart(m_url)));
+  m_request->setURL(m_url.scheme + "://" + m_url.authority);
   Configure();
-  if (m_ftp != nullptr) ConfigureFtp();
+  if (m_http != nullptr) ConfigureHttp();
+  if (m_ftp != nullptr) m_url.IsSftp() ? ConfigureSsh() : ConfigureFtp();
+}
+
+template <typename Request>
+Request* Session::Make() {
+  auto owner = std::make_unique<Request>();
+  Request* const request = owner.get();
+  m_request = std::move(owner);
+  ExitOnFailure(request->initialize());
+  m_handle = request->EasyHandle();
+  return request;
 }
 
 void Session::MakeRequest() {
-  if (StartsWith(m_url, "http://") || StartsWith(m_url, "https://")) {
-    auto request = std::make_unique<KdCURL::KdHTTPReq>(
-        StartsWith(m_url, "https://") ? KdCURL::HTTPS : KdCURL::HTTP);
-    m_http = request.get();
-    m_request = std::move(request);
-  } else if (StartsWith(m_url, "ftp://") || StartsWith(m_url, "sftp://")) {
-    m_isSftp = StartsWith(m_url, "sftp://");
-    std::unique_ptr<KdCURL::KdFTPReq> request;
-    if (m_isSftp) {
-      request = std::make_unique<KdCURL::KdSFTPReq>();
-    } else {
-      request = std::make_unique<KdCURL::KdFTPReq>();
-    }
-    m_ftp = request.get();
-    m_request = std::move(request);
+  if (m_url.IsHttp()) {
+    m_http = Make<HttpRequest>();
+  } else if (m_url.IsSftp()) {
+    m_ftp = Make<SftpRequest>();
   } else {
-    throw CLI::ValidationError("URL: " + m_url +
-                               " begins with none of http://, https://, ftp:// and sftp://");
+    m_ftp = Make<FtpRequest>();
   }
 }
 
 void Session::Configure() {
-  ExitOnFailure(m_request->setSecured(!m_options.isInsecure, m_options.caBundle));
-  if (!m_options.user.empty()) {
-    const auto [name, password] = SplitAt(m_options.user, ':');
-    ExitOnFailure(m_request->setCredentials(name, password));
-    if (m_http != nullptr) ExitOnFailure(m_http->setHTTPAuth(static_cast<long>(CURLAUTH_ANY)));
+  const std::string bundle = CaBundle(m_options);
+  ExitOnFailure(m_request->setSecured(!m_options.isInsecure, bundle));
+  LimitTime();
+  ConfigureLogin();
+  if (!m_options.proxy.empty()) {
+    ExitOnFailure(m_request->setOption(CURLOPT_PROXY, m_options.proxy));
+    ExitOnFailure(m_request->setOption(CURLOPT_PROXY_CAINFO, bundle));
   }
-  if (!m_options.proxy.empty()) SetProxy();
+  if (!m_options.proxyAuth.empty()) {
+    ExitOnFailure(m_request->setProyAuth(ProxyAuth(m_options.proxyAuth)));
+  }
+}
+
+// A server that is silent would hold the program for ever.
+void Session::LimitTime() {
   if (m_options.limitSecs > 0) ExitOnFailure(m_request->SetTimeOut(m_options.limitSecs));
-  if (m_http == nullptr && !m_options.headers.empty()) {
-    throw CLI::ValidationError("--header: for HTTP alone");
+  if (m_options.isUnlimited) return;
+  ExitOnFailure(m_request->SetConnectionTimeOut(m_options.idleSecs));
+  ExitOnFailure(m_request->setMinimumSpeed(1, m_options.idleSecs));
+  ExitOnFailure(m_request->setOption(CURLOPT_FTP_RESPONSE_TIMEOUT, m_options.idleSecs));
+}
+
+void Session::ConfigureLogin() {
+  if (m_options.isNetrc) ExitOnFailure(m_request->setOption(CURLOPT_NETRC, CURL_NETRC_OPTIONAL));
+  if (!m_options.user.empty()) {
+    const auto [name, password] = NameAndPassword(m_options);
+    ExitOnFailure(m_request->setCredentials(name, password));
   }
+  if (m_http != nullptr && (m_options.isNetrc || !m_options.user.empty())) {
+    ExitOnFailure(m_http->setHTTPAuth(static_cast<long>(CURLAUTH_ANY)));
+  }
+}
+
+void Session::ConfigureHttp() {
+  constexpr long kMostRedirects = 30;
+  const bool isHttpsAlone = m_url.scheme == "https" && !m_options.isDowngraded;
+  ExitOnFailure(m_request->setOption(CURLOPT_MAXREDIRS, kMostRedirects));
+  ExitOnFailure(m_request->setOption(CURLOPT_REDIR_PROTOCOLS_STR,
+                                     std::string(isHttpsAlone ? "https" : "http,https")));
   for (const std::string& header : m_options.headers) {
-    const auto [name, value] = SplitAt(header, ':');
-    m_headers.push_back({name, value.substr(std::min(value.find_first_not_of(' '), value.size()))});
+    if (header.find_first_of("\r\n") != std::string::npos ||
+        header.find_first_of(":;") == std::string::npos) {
+      throw CLI::ValidationError("--header: no line \"Name: value\"");
+    }
+    m_http->AddHeader(header);
   }
 }
 
 void Session::ConfigureFtp() {
-  if (m_options.isTls) ExitOnFailure(m_ftp->setSSL());
+  if (!m_options.headers.empty()) throw CLI::ValidationError("--header: for HTTP alone");
+  if (m_options.isTlsControl) ExitOnFailure(m_ftp->setSSL());
+  if (m_options.isTls || (m_url.scheme == "ftps" && !m_options.isTlsControl)) {
+    ExitOnFailure(m_request->setOption(CURLOPT_USE_SSL, CURLUSESSL_ALL));
+  }
   if (m_options.isActive) ExitOnFailure(m_ftp->setActiveMode("", ""));
-  if (!m_isSftp) return;
+}
+
+void Session::ConfigureSsh() {
+  if (!m_options.headers.empty()) throw CLI::ValidationError("--header: for HTTP alone");
   if (!m_options.key.empty()) {
     ExitOnFailure(m_request->setOption(CURLOPT_SSH_PRIVATE_KEYFILE, m_options.key));
   }
-  const char* const home = std::getenv("HOME");
-  if (!m_options.isInsecure && home != nullptr) {
-    const std::string knownHosts = std::string(home) + "/.ssh/known_hosts";
-    ExitOnFailure(m_request->setOption(CURLOPT_SSH_KNOWNHOSTS, knownHosts));
+  if (!m_options.passPhraseFile.empty()) {
+    ExitOnFailure(
+        m_request->setOption(CURLOPT_KEYPASSWD, ReadPassPhrase(m_options.passPhraseFile)));
   }
+  if (m_options.isInsecure) return;
+  m_knownHosts =
+      m_options.knownHosts.empty() ? HomeFolder() + "/.ssh/known_hosts" : m_options.knownHosts;
+  ExitOnFailure(m_request->setOption(CURLOPT_SSH_KNOWNHOSTS, m_knownHosts));
+  auto& libcurl = CurlWrapper::gCurlWrapper;
+  libcurl.Curl_easy_setopt(m_handle, CURLOPT_SSH_KEYDATA, static_cast<void*>(this));
+  libcurl.Curl_easy_setopt(m_handle, CURLOPT_SSH_KEYFUNCTION,
+                           reinterpret_cast<void*>(CheckHostKey));
 }
 
-void Session::SetProxy() {
-  std::string server = m_options.proxy;
-  if (StartsWith(server, "http://")) server.erase(0, server.find("//") + 2);
-  std::string credentials;
-  if (const size_t at = server.rfind('@'); at != std::string::npos) {
-    credentials = server.substr(0, at);
-    server.erase(0, at + 1);
-  }
-  const auto [name, password] = SplitAt(credentials, ':');
-  const auto [host, port] = SplitAt(server, ':');
-  ExitOnFailure(m_request->setProxyDetails(host, name, password, port.empty() ? "8080" : port));
+void Session::ReceiveHeader() {
+  if (m_http != nullptr) m_request->setHeaderWriteCallBack(this, TakeHeader);
 }
 
-std::string Session::Path() {
-  std::string path;
-  ExitOnFailure(m_request->URLDecode(m_url.substr(PathStart(m_url)), path));
-  return path;
+size_t Session::TakeHeader(char* data, size_t size, size_t count, void* instance) {
+  auto* const session = static_cast<Session*>(instance);
+  const std::string_view line(data, size * count);
+  session->m_header.Take(line);
+  if (!session->IsDowngrade(line)) return size * count;
+  session->m_refusal =
+      "the server redirects from https to " + Redacted(FieldOf(line).second) +
+      ", where everyone on the way can read along; --insecure-redirects follows it";
+  return 0;
+}
+
+bool Session::IsDowngrade(std::string_view line) const {
+  const auto [name, value] = FieldOf(line);
+  if (m_options.isDowngraded || !EqualsIgnoringCase(name, "Location")) return false;
+  const char* current = nullptr;
+  const CURLcode code =
+      CurlWrapper::gCurlWrapper.Curl_easy_getinfo(m_handle, CURLINFO_SCHEME, &current);
+  const bool isSecure =
+      code != CURLE_OK || current == nullptr || EqualsIgnoringCase(current, "https");
+  return isSecure && StartsWith(Lower(std::string(value)), "http:");
+}
+
+int Session::Status() const {
+  long status = 0;
+  CurlWrapper::gCurlWrapper.Curl_easy_getinfo(m_handle, CURLINFO_RESPONSE_CODE, &status);
+  return static_cast<int>(status);
+}
+
+std::int64_t Session::Length() const {
+  curl_off_t length = -1;
+  CurlWrapper::gCurlWrapper.Curl_easy_getinfo(m_handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T,
+                                              &length);
+  return length;
+}
+
+std::int64_t Session::FileTime() const {
+  curl_off_t time = -1;
+  CurlWrapper::gCurlWrapper.Curl_easy_getinfo(m_handle, CURLINFO_FILETIME_T, &time);
+  return time;
 }
 
 void Session::ShowProgress() { m_hasBar = isatty(STDERR_FILENO) == 1; }
+
+void Session::ExitUnlessDone(const CZuError& error) const {
+  if (m_hasBar) FinishProgress();
+  if (Failed(error)) ExitOnSignal();
+  if (Failed(error) && !m_refusal.empty()) {
+    ExitOnFailure(FXErrorUtil::ErrorInt(ZU_HERE, kErrorBadInput, "%s", m_refusal.c_str()));
+  }
+  ExitOnFailure(error);
+}
+
+int Session::CheckHostKey(CURL* /*handle*/, const curl_khkey* /*known*/,
+                          const curl_khkey* /*found*/, curl_khmatch match, void* instance) {
+  if (match == CURLKHMATCH_OK) return CURLKHSTAT_FINE;
+  auto* const session = static_cast<Session*>(instance);
+  session->m_refusal =
+      RefusedHostKey(session->m_url, session->m_knownHosts, match == CURLKHMATCH_MISMATCH);
+  return CURLKHSTAT_REJECT;
+}
 
 // Bodies and secrets stay out of the trace.
 int Session::Trace(void* /*handle*/, void* infoType, char* data, unsigned long size,
@@ -151,19 +246,18 @@ int Session::Trace(void* /*handle*/, void* infoType, char* data, unsigned long s
   std::string_view rest(data, size);
   while (!rest.empty()) {
     const size_t end = std::min(rest.find('\n'), rest.size());
-    const std::string line(rest.substr(0, end));
-    std::fprintf(stderr, "%s%s\n", prefix, IsSecret(line) ? "(not shown)" : line.c_str());
+    std::fprintf(stderr, "%s%s\n", prefix, Redacted(Trimmed(rest.substr(0, end))).c_str());
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
   return 0;
 }
 
-// Called several times a second: the place where an interrupt ends the transfer in good order.
+// Called several times a second: the place where a signal ends the transfer in good order.
 int Session::Watch(void* instance, curl_off_t toReceive, curl_off_t received, curl_off_t toSend,
                    curl_off_t sent) {
   if (static_cast<const Session*>(instance)->m_hasBar) {
     const bool isSending = sent > 0;
     DrawProgress(isSending ? sent : received, isSending ? toSend : toReceive);
   }
-  return gIsInterrupted;
+  return NotedSignal();
 }

@@ -4,63 +4,104 @@
 #include <string>
 #include <vector>
 
-#include "ZuNetwork/KdFTPReq.h"
-#include "ZuNetwork/KdHTTPReq.h"
+#include "Requests.h"
+#include "Url.h"
 
 // What the options say about the connection, for every kind of transfer.
 struct SessionOptions {
   std::vector<std::string> headers;
-  std::string caBundle = "/etc/ssl/certs/ca-certificates.crt";
+  std::string caBundle;
   std::string user;
   std::string key;
+  std::string passPhraseFile;
+  std::string knownHosts;
   std::string proxy;
+  std::string proxyAuth;
   long limitSecs = 0;
+  long idleSecs = 60;
+  bool isUnlimited = false;
+  bool isNetrc = false;
   bool isInsecure = false;
+  bool isDowngraded = false;  // a redirect from https to http is followed
   bool isActive = false;
   bool isTls = false;
+  bool isTlsControl = false;
 };
 
-// "left<separator>right"; without a separator all of it is left.
-std::pair<std::string, std::string> SplitAt(const std::string& text, char separator);
+// The header of an answer. Others may come before it: of redirects, of requests for a login.
+class AnswerHeader {
+ public:
+  void Take(std::string_view line);
 
-// A request for one URL of any scheme, configured and ready for one operation. Whatever fails ends
-// the program with its report.
+  // The value of the last field of that name, empty without one.
+  std::string Find(const std::string& name) const;
+
+ private:
+  std::vector<std::string> m_lines;
+  bool m_isComplete = false;
+};
+
+// A request for one URL of any scheme, configured and ready for operations. Whatever fails ends the
+// program with its report.
 class Session {
  public:
   Session(const std::string& url, const SessionOptions& options);
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // The URL, always with a path; and its path alone, decoded.
-  const std::string& Url() const { return m_url; }
-  std::string Path();
+  const Url& Target() const { return m_url; }
+  std::string Text() const { return m_url.Text(); }
 
   // The request as such, and as what it is beyond; null when it is of another kind.
   KdCURL::KdProtocolReq& Request() { return *m_request; }
-  KdCURL::KdHTTPReq* Http() { return m_http; }
+  HttpRequest* Http() { return m_http; }
   KdCURL::KdFTPReq* Ftp() { return m_ftp; }
-  bool IsSftp() const { return m_isSftp; }
 
-  const std::vector<KdCURL::commandInfo>& Headers() const { return m_headers; }
+  // Receives the header of the next operation's answer; over HTTP every operation needs it.
+  void ReceiveHeader();
+  const AnswerHeader& Header() const { return m_header; }
+
+  // What libcurl knows of the answer so far: its status (HTTP, FTP), the bytes that it says to come
+  // and when the file was changed, both -1 when unknown.
+  int Status() const;
+  std::int64_t Length() const;
+  std::int64_t FileTime() const;
+
+  // Whether an answer came that brings something else than what was asked for.
+  bool IsRefused() const { return m_http != nullptr && !m_http->IsSuccess(Status()); }
 
   // Shows a progress bar on a terminal.
   void ShowProgress();
 
+  // Ends the program unless the operation succeeded.
+  void ExitUnlessDone(const CZuError& error) const;
+
  private:
   void MakeRequest();
+  template <typename Request>
+  Request* Make();
   void Configure();
+  void ConfigureLogin();
+  void ConfigureHttp();
   void ConfigureFtp();
-  void SetProxy();
+  void ConfigureSsh();
+  void LimitTime();
+  bool IsDowngrade(std::string_view line) const;
+  static size_t TakeHeader(char* data, size_t size, size_t count, void* instance);
+  static int CheckHostKey(CURL* handle, const curl_khkey* known, const curl_khkey* found,
+                          curl_khmatch match, void* instance);
   static int Trace(void* handle, void* infoType, char* data, unsigned long size, void* instance);
   static int Watch(void* instance, curl_off_t toReceive, curl_off_t received, curl_off_t toSend,
                    curl_off_t sent);
 
   const SessionOptions& m_options;
-  std::string m_url;
+  Url m_url;
   std::unique_ptr<KdCURL::KdProtocolReq> m_request;
-  KdCURL::KdHTTPReq* m_http = nullptr;
+  HttpRequest* m_http = nullptr;
   KdCURL::KdFTPReq* m_ftp = nullptr;
-  bool m_isSftp = false;
-  std::vector<KdCURL::commandInfo> m_headers;
+  CURL* m_handle = nullptr;  // the request's
+  AnswerHeader m_header;
+  std::string m_refusal;  // why the program itself ended the transfer
+  std::string m_knownHosts;
   bool m_hasBar = false;
 };

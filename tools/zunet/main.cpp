@@ -1,9 +1,12 @@
+#include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <iterator>
 #include <sstream>
 
 #include "Commands.h"
 #include "Output.h"
+#include "Secrets.h"
 #include "Usage.h"
 
 namespace {
@@ -17,8 +20,11 @@ void AddVerboseFlag(CLI::App& app) {
 
 // The exit status.
 int Run(CLI::App& app, int argc, char** argv) {
+  std::vector<std::string> words(std::make_reverse_iterator(argv + argc),
+                                 std::make_reverse_iterator(argv + std::min(argc, 1)));
+  HideSecrets(argc, argv);
   try {
-    app.parse(argc, argv);
+    app.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
     std::ostringstream output;
     const int status = app.exit(error, output);
