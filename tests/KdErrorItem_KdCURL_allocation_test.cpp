@@ -5,6 +5,7 @@
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
 #include "support/Expect.h"
+#include "support/Heap.h"
 
 using KdCURL::ErrorKdCURL;
 using KdCURL::PushKdCURL;
@@ -14,57 +15,18 @@ using testing::HasSubstr;
 
 namespace {
 
-// Of the calling thread, also in the shared libraries.
-thread_local std::size_t gAvailable = SIZE_MAX;  // allocations that are left, then all fail
-thread_local std::ptrdiff_t gAlive = 0;
-
-void* Allocate(std::size_t size) {
-  if (gAvailable == 0) return nullptr;
-  if (gAvailable != SIZE_MAX) --gAvailable;
-  ++gAlive;
-  return std::malloc(size > 0 ? size : 1);
-}
-
-void* AllocateOrThrow(std::size_t size) {
-  void* const block = Allocate(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-void Free(void* block) {
-  if (block != nullptr) --gAlive;
-  std::free(block);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) { return AllocateOrThrow(size); }
-void* operator new[](std::size_t size) { return AllocateOrThrow(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return Allocate(size); }
-void operator delete(void* block) noexcept { Free(block); }
-void operator delete[](void* block) noexcept { Free(block); }
-void operator delete(void* block, std::size_t) noexcept { Free(block); }
-void operator delete[](void* block, std::size_t) noexcept { Free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { Free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { Free(block); }
-
-namespace {
-
 constexpr FXCodeLocation kPlace{"Place.cpp", "void Place()", 12};
 constexpr FXCodeLocation kOther{"Other.cpp", "void Other()", 34};
 
 // Whether `body` ended by std::bad_alloc when it could have that many allocations.
 bool RunsOutOfMemory(std::size_t available, const std::function<void()>& body) {
-  bool hasThrown = false;
-  gAvailable = available;
+  const heap::Failing failing(heap::kNew, 0, SIZE_MAX, available);
   try {
     body();
   } catch (const std::bad_alloc&) {
-    hasThrown = true;
+    return true;
   }
-  gAvailable = SIZE_MAX;
-  return hasThrown;
+  return false;
 }
 
 // Calls `attempt` with the numbers of available allocations from 0 on until it has enough, which
@@ -72,9 +34,9 @@ bool RunsOutOfMemory(std::size_t available, const std::function<void()>& body) {
 std::size_t CountFailures(const std::function<bool(std::size_t available)>& attempt) {
   constexpr std::size_t kMost = 50;
   for (std::size_t available = 0; available < kMost; ++available) {
-    const std::ptrdiff_t alive = gAlive;
+    const std::ptrdiff_t alive = heap::Alive();
     const bool isEnough = attempt(available);
-    EXPECT_EQ(gAlive, alive) << "leaked with " << available << " allocations";
+    EXPECT_EQ(heap::Alive(), alive) << "leaked with " << available << " allocations";
     if (isEnough) return available;
   }
   ADD_FAILURE() << "an allocation that failed was not told";

@@ -5,9 +5,6 @@
 #include "support/FileFaults.h"
 #include "support/TempDir.h"
 
-using file_faults::Fault;
-using file_faults::gClosingFails;
-using file_faults::gFault;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -18,7 +15,6 @@ class KdFTPReqListing : public FakeCurlTest {
  protected:
   KdFTPReqListing() { EXPECT_OK(req->initialize()); }
   void TearDown() override {
-    file_faults::Reset();
     req.reset();
     FakeCurlTest::TearDown();
   }
@@ -46,12 +42,10 @@ class KdFTPReqListing : public FakeCurlTest {
   }
 
   // What becomes of the listing under these faults; no entry is taken.
-  CZuError Fail(const std::string& path, Fault fault, bool closingFails = false) {
+  CZuError Fail(const std::string& path, FileFault fault, bool closingFails = false) {
     std::vector<KdCURL::FileDirInfo> entries;
-    gFault = fault;
-    gClosingFails = closingFails;
+    const FileFaults faults(fault, closingFails);
     CZuError error = req->collectFilesAndDir(path, &entries, "");
-    file_faults::Reset();
     EXPECT_THAT(entries, IsEmpty());
     return error;
   }
@@ -123,18 +117,18 @@ TEST_F(KdFTPReqListing, UnreadableListingsAreErrors) {
 TEST_F(KdFTPReqListing, FaultsOfTheFileAreReported) {
   const std::string path = Saved("a\r\n");
   const struct {
-    Fault fault;
+    FileFault fault;
     bool closingFails;
     unsigned code;
     std::string text;
   } rows[] = {
-      {Fault::kSize, false, ErrNoCode(ENXIO), "Failed to get the size of a file [" + path + "]"},
-      {Fault::kSize, true, ErrNoCode(ENXIO), "Failed to get the size of a file [" + path + "]"},
-      {Fault::kRead, false, ErrNoCode(ENXIO), "Failed to read the response file [" + path + "]"},
-      {Fault::kRead, true, ErrNoCode(ENXIO), "Failed to read the response file [" + path + "]"},
-      {Fault::kNone, true, ErrNoCode(EIO), "Failed to close the response file [" + path + "]"},
-      {Fault::kNoBuffer, false, IntCode(1), "NULL buffer from ReadWholeFile"},
-      {Fault::kNoBuffer, true, ErrNoCode(EIO), "Failed to close the response file [" + path + "]"},
+      {FileFault::kSize, false, ErrNoCode(ENXIO),
+       "Failed to get the size of a file [" + path + "]"},
+      {FileFault::kSize, true, ErrNoCode(ENXIO), "Failed to get the size of a file [" + path + "]"},
+      {FileFault::kRead, false, ErrNoCode(ENXIO),
+       "Failed to read the response file [" + path + "]"},
+      {FileFault::kRead, true, ErrNoCode(ENXIO), "Failed to read the response file [" + path + "]"},
+      {FileFault::kNone, true, ErrNoCode(EIO), "Failed to close the response file [" + path + "]"},
   };
   for (const auto& [fault, closingFails, code, text] : rows) {
     SCOPED_TRACE(text + (closingFails ? ", not closed" : ""));
@@ -147,13 +141,13 @@ TEST_F(KdFTPReqListing, FaultsOfTheFileAreReported) {
 
 TEST_F(KdFTPReqListing, AFileThatTurnsOutEmptyHasNoEntries) {
   const std::string path = Saved("a\r\n");
-  EXPECT_OK(Fail(path, Fault::kEmpty));
-  EXPECT_OK(Fail(path, Fault::kEmpty, true)) << "it is left to be closed";
+  EXPECT_OK(Fail(path, FileFault::kEmpty));
+  EXPECT_OK(Fail(path, FileFault::kEmpty, true)) << "it is left to be closed";
 }
 
 TEST_F(KdFTPReqListing, AFileOfSizeZeroIsNotRead) {
-  EXPECT_OK(Fail(Saved(""), Fault::kRead));
-  EXPECT_OK(Fail(Saved(""), Fault::kNone, true));
+  EXPECT_OK(Fail(Saved(""), FileFault::kRead));
+  EXPECT_OK(Fail(Saved(""), FileFault::kNone, true));
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 #include "fakes/HttpReq.h"
 #include "support/FileFaults.h"
 
-using file_faults::Fault;
-using file_faults::gFault;
 using KdCURL::FileDirInfo;
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -27,7 +25,6 @@ class KdHTTPReqListing : public HttpReqTest {
  protected:
   KdHTTPReqListing() : m_path(testing::TempDir() + "listing." + std::to_string(getpid())) {}
   void TearDown() override {
-    file_faults::Reset();
     std::filesystem::remove(m_path);
     EXPECT_EQ(m_openFiles, CountOpenFiles());
     HttpReqTest::TearDown();
@@ -184,17 +181,16 @@ TEST_F(KdHTTPReqListing, AFileThatCannotBeOpenedIsReported) {
 TEST_F(KdHTTPReqListing, FaultsOfTheFileAreReported) {
   Write(R"(href="/a")");
   const struct {
-    Fault fault;
+    FileFault fault;
     std::string text;
   } rows[] = {
-      {Fault::kSize, "Failed to get the size of a file [" + m_path + "]"},
-      {Fault::kRead, "Failed to read response file."},
+      {FileFault::kSize, "Failed to get the size of a file [" + m_path + "]"},
+      {FileFault::kRead, "Failed to read response file."},
   };
   for (const auto& [fault, text] : rows) {
     SCOPED_TRACE(text);
-    gFault = fault;
+    const FileFaults faults(fault);
     const CZuError error = req->collectFilesAndDir(m_path, &entries, "");
-    gFault = Fault::kNone;
     EXPECT_FAILS(error, ErrNoCode(ENXIO), "::collectFilesAndDir(");
     EXPECT_THAT(error.AsString(), EndsWith("), " + text));
     EXPECT_THAT(entries, IsEmpty());
@@ -213,9 +209,9 @@ TEST_F(KdHTTPReqListing, AFailedCloseIsToldOnlyAfterLinks) {
     SCOPED_TRACE(page);
     entries.clear();
     Write(page);
-    file_faults::gClosingFails = true;
+    std::optional<FileFaults> faults(std::in_place, FileFault::kNone, true);
     const CZuError error = req->collectFilesAndDir(m_path, &entries, "");
-    file_faults::Reset();
+    faults.reset();
     EXPECT_EQ(Shown(), expected);
     if (!isTold) {
       EXPECT_OK(error);
@@ -229,18 +225,9 @@ TEST_F(KdHTTPReqListing, AFailedCloseIsToldOnlyAfterLinks) {
   }
 }
 
-TEST_F(KdHTTPReqListing, AMissingBufferIsRefused) {
-  Write(R"(href="/a")");
-  gFault = Fault::kNoBuffer;
-  const CZuError error = req->collectFilesAndDir(m_path, &entries, "");
-  gFault = Fault::kNone;
-  EXPECT_FAILS(error, IntCode(1), "KdHTTPReq.cpp");
-  EXPECT_THAT(error.AsString(), EndsWith(", Content buffer is NULL"));
-}
-
 TEST_F(KdHTTPReqListing, AnEmptyFileIsNotRead) {
   Write("");
-  gFault = Fault::kRead;
+  const FileFaults faults(FileFault::kRead);
   EXPECT_OK(req->collectFilesAndDir(m_path, &entries, ""));
 }
 

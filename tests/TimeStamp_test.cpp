@@ -1,27 +1,29 @@
 #include "ZuUtils/TimeStamp.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
+#include "support/SystemFunction.h"
+
 namespace {
 
 constexpr std::int64_t kEpoch = 116'444'736'000'000'000;  // 369 years of which 89 are leap years
 
-// The time that the wall clock shows instead of its own.
-std::atomic<const timespec*> gWallClock{nullptr};
+SystemFunction<int(clockid_t, timespec*)> gClockGetTime{"clock_gettime"};
 
+// What the wall clock is taken for that shows this time.
 std::int64_t TicksAt(const timespec& time) {
-  gWallClock = &time;
-  const std::int64_t ticks = CTimeStamp::Now().GetTicks();
-  gWallClock = nullptr;
-  return ticks;
+  const Replacement fixed(gClockGetTime, [&time](clockid_t clock, timespec* out) {
+    if (clock != CLOCK_REALTIME) return gClockGetTime.Real(clock, out);
+    *out = time;
+    return 0;
+  });
+  return CTimeStamp::Now().GetTicks();
 }
 
 std::int64_t TicksOfWallClock() {
@@ -33,12 +35,7 @@ std::int64_t TicksOfWallClock() {
 }  // namespace
 
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
-  static const auto next =
-      reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
-  const timespec* const fixed = gWallClock;
-  if (fixed == nullptr || clock != CLOCK_REALTIME) return next(clock, time);
-  *time = *fixed;
-  return 0;
+  return gClockGetTime(clock, time);
 }
 
 TEST(TimeStamp, EpochIsThatOfTheFirstOfJanuary1601) {

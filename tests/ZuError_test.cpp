@@ -17,8 +17,8 @@
 
 #include "ZuUtils/TimeStamp.h"
 #include "ZuUtils/ZuFile.h"
-#include "support/Allocations.h"
 #include "support/Expect.h"
+#include "support/Heap.h"
 
 namespace {
 
@@ -529,7 +529,7 @@ TEST(FXErrorItem, CopyIsAnotherItemThatSaysTheSame) {
 
 TEST(ZuError, SuccessAllocatesNothing) {
   CZuFile file;
-  const std::size_t before = allocations::gCount;
+  const std::size_t before = heap::Calls(heap::kNew);
   {
     CZuError error;
     CZuError copy = error;
@@ -539,13 +539,13 @@ TEST(ZuError, SuccessAllocatesNothing) {
     EXPECT_FALSE(FXErrorUtil::IsErrNo(error, 1));
     EXPECT_FALSE(Failed(copy));
   }
-  EXPECT_EQ(allocations::gCount, before);
+  EXPECT_EQ(heap::Calls(heap::kNew), before);
   CZuError failure = FXErrorUtil::ErrorWin32(kInner, 774);
-  EXPECT_GT(allocations::gCount, before) << "the counter counts the library's allocations";
-  const std::size_t made = allocations::gCount;
+  EXPECT_GT(heap::Calls(heap::kNew), before) << "the counter counts the library's allocations";
+  const std::size_t made = heap::Calls(heap::kNew);
   const CZuError shared = failure;
   EXPECT_TRUE(Failed(shared));
-  EXPECT_EQ(allocations::gCount, made) << "a copy shares";
+  EXPECT_EQ(heap::Calls(heap::kNew), made) << "a copy shares";
 }
 
 TEST(ZuError, CopiesAreUsedOnSeveralThreads) {

@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "support/HeapCalls.h"
+#include "support/Heap.h"
 #include "support/Sockets.h"
 
 namespace {
@@ -218,13 +218,13 @@ TEST_F(ZuFdsetC, SettingTwiceIsSettingOnce) {
 }
 
 TEST_F(ZuFdsetC, NothingIsAllocatedBelow8192) {
-  const std::size_t before = heap::Calls();
+  const std::size_t before = heap::Calls(heap::kMalloc | heap::kCalloc);
   kdfdset_alloc(kMaximum, &set);
   for (int fd = 0; fd < 8192; ++fd) ASSERT_EQ(kdfdset_set(fd, &set), 0) << fd;
   EXPECT_EQ(kdfdset_isset(9000, &set), 0);
   EXPECT_EQ(kdfdset_clr(9000, &set), 0);
   kdfdset_zero(&set);
-  EXPECT_EQ(heap::Calls(), before);
+  EXPECT_EQ(heap::Calls(heap::kMalloc | heap::kCalloc), before);
   EXPECT_TRUE(IsInternal());
 }
 
@@ -243,10 +243,10 @@ TEST_F(ZuFdsetC, GrowsInOneStepToItsMaximumAndKeepsItsBits) {
   const Fds before{0, 5, 64, 1024, 8191};
   kdfdset_alloc(kMaximum, &set);
   Fill(set, before);
-  const std::size_t calls = heap::Calls();
+  const std::size_t calls = heap::Calls(heap::kMalloc | heap::kCalloc);
   ASSERT_EQ(kdfdset_set(9000, &set), 0);
   ASSERT_EQ(kdfdset_set(19999, &set), 0);
-  EXPECT_EQ(heap::Calls(), calls + 1);
+  EXPECT_EQ(heap::Calls(heap::kMalloc | heap::kCalloc), calls + 1);
   EXPECT_FALSE(IsInternal());
   EXPECT_EQ(set.sock_cnt, 20000u);
   EXPECT_EQ(Members(set), (Fds{0, 5, 64, 1024, 8191, 9000, 19999}));
@@ -257,9 +257,9 @@ TEST_F(ZuFdsetC, GrownSetDoesNotGrowAgain) {
   kdfdset_alloc(kMaximum, &set);
   Fill(set, {9000});
   const auto* const storage = set.set;
-  const std::size_t calls = heap::Calls();
+  const std::size_t calls = heap::Calls(heap::kMalloc | heap::kCalloc);
   for (const int fd : {20000, 30000, -1}) EXPECT_EQ(kdfdset_set(fd, &set), -1) << fd;
-  EXPECT_EQ(heap::Calls(), calls);
+  EXPECT_EQ(heap::Calls(heap::kMalloc | heap::kCalloc), calls);
   EXPECT_EQ(set.set, storage);
   EXPECT_EQ(Members(set), Fds{9000});
 }
@@ -288,14 +288,14 @@ TEST_F(ZuFdsetC, MaximumOfOneAboveTheInternalStorageGrows) {
 TEST_F(ZuFdsetC, GrowthFailureLosesStorage) {
   kdfdset_alloc(kMaximum, &set);
   Fill(set, {5});
-  const std::size_t failures = heap::Failures();
+  const std::size_t failures = heap::Failures(heap::kCalloc);
   int result = 0;
   {
-    const heap::CallocFails noMemory;
+    const heap::Failing noMemory(heap::kCalloc);
     result = kdfdset_set(9000, &set);
   }
   EXPECT_EQ(result, -1);
-  EXPECT_EQ(heap::Failures(), failures + 1);
+  EXPECT_EQ(heap::Failures(heap::kCalloc), failures + 1);
   ExpectNoStorage(set);  // although there is memory again
   kdfdset_alloc(kMaximum, &set);
   EXPECT_EQ(kdfdset_set(9000, &set), 0);
@@ -460,7 +460,7 @@ TEST_F(ZuFdsetC, GrowthFailureWhileCopyingLosesStorage) {
   Fill(set, {3});
   int result = 0;
   {
-    const heap::CallocFails noMemory;
+    const heap::Failing noMemory(heap::kCalloc);
     result = kdfdset_copy_fdset(&set, &other);
   }
   EXPECT_EQ(result, -1);

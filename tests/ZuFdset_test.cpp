@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "support/Expect.h"
-#include "support/HeapCalls.h"
+#include "support/Heap.h"
 #include "support/Sockets.h"
 
 namespace {
@@ -48,7 +48,7 @@ class ZuFdsetTest : public testing::Test {
 
   // Makes the storage of `set` get lost by a growth that finds no memory.
   static void Lose(ZuFdset& set) {
-    const heap::CallocFails noMemory;
+    const heap::Failing noMemory(heap::kCalloc);
     EXPECT_FAILS(set.set(9000), Win32Code(774), kFull8192);
   }
 
@@ -371,7 +371,7 @@ TEST_F(ZuFdsetTest, CopyWithoutMemoryHasNoStorage) {
   Fill(set, {9000});
   std::unique_ptr<OpenSet> copy;
   {
-    const heap::CallocFails noMemory;
+    const heap::Failing noMemory(heap::kCalloc);
     copy = std::make_unique<OpenSet>(set);
   }
   EXPECT_TRUE(copy->isInitialize);

@@ -1,6 +1,5 @@
 #include "ZuUtils/ZuFile.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,60 +17,28 @@
 #include <utility>
 #include <vector>
 
-#include "support/Allocations.h"
 #include "support/Expect.h"
+#include "support/Heap.h"
 #include "support/Sanitizers.h"
+#include "support/SystemFunction.h"
 #include "support/TempDir.h"
 
 namespace {
 
-using Read = ssize_t (*)(int, void*, size_t);
-using Close = int (*)(int);
-using Stat = int (*)(int, struct stat*);
-
-template <typename Function>
-Function Next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-// What stands for the system's function while it is set.
-std::function<ssize_t(int, void*, size_t)> gRead;
-std::function<int(int)> gClose;
-std::function<int(int, struct stat*)> gStat;
-
-// The product's calls go to `fault` until the end of the scope.
-template <typename Signature>
-class Fault {
- public:
-  Fault(std::function<Signature>& hook, std::common_type_t<std::function<Signature>> fault)
-      : m_hook(hook) {
-    m_hook = std::move(fault);
-  }
-  ~Fault() { m_hook = nullptr; }
-  Fault(const Fault&) = delete;
-  Fault& operator=(const Fault&) = delete;
-
- private:
-  std::function<Signature>& m_hook;
-};
-
-ssize_t RealRead(int descriptor, void* buffer, size_t size) {
-  return Next<Read>("read")(descriptor, buffer, size);
-}
+SystemFunction<ssize_t(int, void*, size_t)> gRead{"read"};
+SystemFunction<int(int)> gClose{"close"};
+SystemFunction<int(int, struct stat*)> gStat{"fstat"};
 
 }  // namespace
 
 extern "C" {
 
-ssize_t read(int descriptor, void* buffer, size_t size) {
-  return gRead ? gRead(descriptor, buffer, size) : RealRead(descriptor, buffer, size);
-}
+ssize_t read(int descriptor, void* buffer, size_t size) { return gRead(descriptor, buffer, size); }
 
-int close(int descriptor) { return gClose ? gClose(descriptor) : Next<Close>("close")(descriptor); }
+int close(int descriptor) { return gClose(descriptor); }
 
-int fstat(int descriptor, struct stat* status) noexcept {
-  return gStat ? gStat(descriptor, status) : Next<Stat>("fstat")(descriptor, status);
-}
+int fstat(int descriptor, struct stat* status) noexcept { return gStat(descriptor, status); }
+
 }  // extern "C"
 
 namespace {
@@ -174,8 +141,8 @@ TEST_F(ZuFile, ReadsFilesOfProcThatTellNoSize) {
 TEST_F(ZuFile, ReadsBeyondASizeOfZero) {
   const std::string content = Content(1000000);
   const std::string path = NewFile("file", content);
-  const Fault noSize(gStat, [](int descriptor, struct stat* status) {
-    const int result = Next<Stat>("fstat")(descriptor, status);
+  const Replacement noSize(gStat, [](int descriptor, struct stat* status) {
+    const int result = gStat.Real(descriptor, status);
     status->st_size = 0;
     return result;
   });
@@ -335,12 +302,12 @@ TEST_F(ZuFile, ReadsOnAfterInterruptionsAndShortCounts) {
   const std::string content = Content(20000);
   const std::string path = NewFile("file", content);
   int calls = 0;
-  const Fault interrupted(gRead, [&calls](int descriptor, void* buffer, size_t size) {
+  const Replacement interrupted(gRead, [&calls](int descriptor, void* buffer, size_t size) {
     if (++calls % 3 != 0) {
       errno = EINTR;
       return ssize_t{-1};
     }
-    return RealRead(descriptor, buffer, std::min<size_t>(size, 777));
+    return gRead.Real(descriptor, buffer, std::min<size_t>(size, 777));
   });
   Outputs out;
   EXPECT_OK(CZuFile::ReadWholeFile(path.c_str(), &out.content, out.length));
@@ -352,9 +319,9 @@ TEST_F(ZuFile, ReadErrorIsReportedAndLeavesTheOutputs) {
   const std::string path = NewFile("file", Content(20000));
   for (const int goodCalls : {0, 1, 2}) {
     int calls = 0;
-    const Fault broken(gRead, [&](int descriptor, void* buffer, size_t size) {
+    const Replacement broken(gRead, [&](int descriptor, void* buffer, size_t size) {
       if (calls++ < goodCalls) {
-        return RealRead(descriptor, buffer, std::min<size_t>(size, 100));
+        return gRead.Real(descriptor, buffer, std::min<size_t>(size, 100));
       }
       errno = EIO;
       return ssize_t{-1};
@@ -373,9 +340,9 @@ TEST_F(ZuFile, FileThatShrinksWhileItIsReadEndsWhereItEndsNow) {
   for (const std::size_t left : {12345u, 100u, 0u}) {
     const std::string path = NewFile("file", content);
     int calls = 0;
-    const Fault shrinking(gRead, [&](int descriptor, void* buffer, size_t size) {
+    const Replacement shrinking(gRead, [&](int descriptor, void* buffer, size_t size) {
       if (calls++ == 0) std::filesystem::resize_file(path, left);
-      return RealRead(descriptor, buffer, size);
+      return gRead.Real(descriptor, buffer, size);
     });
     Outputs out;
     const CZuError error = CZuFile::ReadWholeFile(path.c_str(), &out.content, out.length);
@@ -394,12 +361,12 @@ TEST_F(ZuFile, FileThatGrowsWhileItIsReadIsReadToItsNewEnd) {
   const std::string more = Content(10000);
   std::string expected = "begin";
   int calls = 0;
-  const Fault growing(gRead, [&](int descriptor, void* buffer, size_t size) {
+  const Replacement growing(gRead, [&](int descriptor, void* buffer, size_t size) {
     if (++calls < 10) {
       std::ofstream(path, std::ios::app | std::ios::binary) << more;
       expected += more;
     }
-    return RealRead(descriptor, buffer, size);
+    return gRead.Real(descriptor, buffer, size);
   });
   Outputs out;
   EXPECT_OK(CZuFile::ReadWholeFile(path.c_str(), &out.content, out.length));
@@ -409,12 +376,12 @@ TEST_F(ZuFile, FileThatGrowsWhileItIsReadIsReadToItsNewEnd) {
 
 TEST_F(ZuFile, FileThatOutgrowsTheMemoryIsOutOfMemory) {
   const std::string path = NewFile("file", "begin");
-  const Fault endless(gRead, [](int, void* buffer, size_t size) {
+  const Replacement endless(gRead, [](int, void* buffer, size_t size) {
     std::memset(buffer, 'x', size);
     return static_cast<ssize_t>(size);
   });
   Outputs out;
-  const allocations::Limit limit(1 << 20);
+  const heap::Failing limit(heap::kNew, (1 << 20) + 1);
   EXPECT_FAILS(CZuFile::ReadWholeFile(path.c_str(), &out.content, out.length),
                Win32Code(kErrorNotEnoughMemory), ("Failed to read file [" + path + "]").c_str());
   EXPECT_TRUE(Untouched(out));
@@ -431,7 +398,8 @@ TEST_F(ZuFile, FileAboveFourGigabytesHasItsSizeAndMayExceedTheMemory) {
   EXPECT_OK(file.Close());
 
   Outputs out;
-  const allocations::Limit limit(5 * kGigabyte);  // what fits the content short by its end
+  const heap::Failing limit(heap::kNew,
+                            5 * kGigabyte + 1);  // what fits the content short by its end
   EXPECT_FAILS(CZuFile::ReadWholeFile(path.c_str(), &out.content, out.length),
                Win32Code(kErrorNotEnoughMemory), "No memory for 5368713");
   EXPECT_TRUE(Untouched(out));
@@ -461,8 +429,8 @@ TEST_F(ZuFile, FileThatExceedsTheAddressSpaceIsOutOfMemory) {
 TEST_F(ZuFile, LargestSizesAreOutOfMemoryToo) {
   const std::string path = NewFile("file", "content");
   for (const off_t claimed : {off_t{1} << 40, off_t{1} << 62, off_t{0x7FFFFFFFFFFFFFFF}}) {
-    const Fault large(gStat, [claimed](int descriptor, struct stat* status) {
-      const int result = Next<Stat>("fstat")(descriptor, status);
+    const Replacement large(gStat, [claimed](int descriptor, struct stat* status) {
+      const int result = gStat.Real(descriptor, status);
       status->st_size = claimed;
       return result;
     });
@@ -482,7 +450,7 @@ TEST_F(ZuFile, SizeThatCannotBeHadIsTheSystemsError) {
   const std::string path = NewFile("file", "content");
   CZuFile file;
   ASSERT_OK(file.Open(path.c_str(), 0, 0));
-  const Fault broken(gStat, [](int, struct stat*) {
+  const Replacement broken(gStat, [](int, struct stat*) {
     errno = ESTALE;
     return -1;
   });
@@ -501,9 +469,9 @@ TEST_F(ZuFile, FailedCloseIsReportedOnceAndGivesTheFileUp) {
   ASSERT_OK(file.Open(path.c_str(), 0, 0));
   int calls = 0;
   {
-    const Fault broken(gClose, [&calls](int descriptor) {
+    const Replacement broken(gClose, [&calls](int descriptor) {
       ++calls;
-      Next<Close>("close")(descriptor);
+      gClose.Real(descriptor);
       errno = EIO;
       return -1;
     });
@@ -518,8 +486,8 @@ TEST_F(ZuFile, FailedCloseIsReportedOnceAndGivesTheFileUp) {
 
 TEST_F(ZuFile, WhatWasReadCountsWhenClosingFails) {
   const std::string path = NewFile("file", "content");
-  const Fault broken(gClose, [](int descriptor) {
-    Next<Close>("close")(descriptor);
+  const Replacement broken(gClose, [](int descriptor) {
+    gClose.Real(descriptor);
     errno = EIO;
     return -1;
   });

@@ -1,6 +1,5 @@
 // The interfaces of the machine: of networks made for a test, and of a kernel that is made up.
 
-#include <dlfcn.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -18,8 +17,9 @@
 #include "ZuNetwork/ZuIPAddr.h"
 #include "support/Addresses.h"
 #include "support/Expect.h"
-#include "support/Malloc.h"
+#include "support/Heap.h"
 #include "support/Namespaces.h"
+#include "support/SystemFunction.h"
 
 namespace {
 
@@ -57,9 +57,24 @@ struct Kernel {
   std::vector<unsigned long> kinds;  // of these
 };
 
+SystemFunction<int(int, int, int)> gSocket{"socket"};
+SystemFunction<int(int, unsigned long, void*), int (*)(int, unsigned long, ...)> gIoctl{"ioctl"};
+SystemFunction<FILE*(const char*, const char*)> gFopen{"fopen"};
+
 Kernel* gKernel = nullptr;
 const char* gTable = nullptr;  // stands for /proc/net/if_inet6; null: the system's
 bool gHasTable = true;
+
+// Buffers that start at 1024 bytes and double: their sizes, in the order of the requests.
+struct {
+  int sizes[16];
+  int count;
+} gBuffers;
+
+void NoteBuffer(std::size_t size) {
+  const bool isBuffer = size >= 1024 && (size & (size - 1)) == 0;
+  if (isBuffer && gBuffers.count < 16) gBuffers.sizes[gBuffers.count++] = static_cast<int>(size);
+}
 
 std::ptrdiff_t CountDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -196,33 +211,30 @@ void ExpectBothFail(unsigned code, const std::string& text, CZuIPAddr::IP_FAMILY
 extern "C" {
 
 int socket(int family, int type, int protocol) noexcept {
-  static const auto next = reinterpret_cast<decltype(&socket)>(dlsym(RTLD_NEXT, "socket"));
-  if (gKernel == nullptr) return next(family, type, protocol);
+  if (gKernel == nullptr) return gSocket(family, type, protocol);
   EXPECT_EQ(family, AF_INET);
   EXPECT_EQ(type, SOCK_DGRAM);
   EXPECT_EQ(protocol, 0);
-  if (gKernel->socketErrNo == 0) return next(family, type, protocol);
+  if (gKernel->socketErrNo == 0) return gSocket(family, type, protocol);
   errno = gKernel->socketErrNo;
   return -1;
 }
 
 int ioctl(int descriptor, unsigned long kind, ...) noexcept {
-  static const auto next = reinterpret_cast<decltype(&ioctl)>(dlsym(RTLD_NEXT, "ioctl"));
   va_list arguments;
   va_start(arguments, kind);
   void* const argument = va_arg(arguments, void*);
   va_end(arguments);
-  if (gKernel == nullptr) return next(descriptor, kind, argument);
+  if (gKernel == nullptr) return gIoctl(descriptor, kind, argument);
   if (kind == SIOCGIFCONF) return FillTable(*static_cast<ifconf*>(argument));
   return AnswerRequest(kind, *static_cast<ifreq*>(argument));
 }
 
 FILE* fopen(const char* path, const char* mode) {
-  static const auto next = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
-  if (std::strcmp(path, "/proc/net/if_inet6") != 0) return next(path, mode);
+  if (std::strcmp(path, "/proc/net/if_inet6") != 0) return gFopen(path, mode);
   EXPECT_STREQ(mode, "r");
-  if (gHasTable && gTable == nullptr) return next(path, mode);
-  if (gHasTable && *gTable == '\0') return next("/dev/null", mode);
+  if (gHasTable && gTable == nullptr) return gFopen(path, mode);
+  if (gHasTable && *gTable == '\0') return gFopen("/dev/null", mode);
   if (gHasTable) return fmemopen(const_cast<char*>(gTable), std::strlen(gTable), mode);
   errno = ENOENT;
   return nullptr;
@@ -299,14 +311,14 @@ TEST_F(V4List, DoublesTheBufferUntilThereIsRoomLeft) {
     kernel = {};
     kernel.kinds.reserve(200);  // not to take such a buffer itself
     AddInterfaces(test.interfaces);
-    heap::gBufferCount = 0;
+    gBuffers = {};
+    heap::gWatch = NoteBuffer;
     const Pairs pairs = PairsOf(kV4);
-    const std::vector<std::size_t> sizes(
-        heap::gBufferSizes.begin(),
-        heap::gBufferSizes.begin() + static_cast<std::ptrdiff_t>(heap::gBufferCount));
+    heap::gWatch = nullptr;
+    const std::vector<int> sizes(gBuffers.sizes, gBuffers.sizes + gBuffers.count);
     EXPECT_EQ(static_cast<int>(pairs.size()), test.interfaces);
     EXPECT_EQ(kernel.offered, test.offered) << test.interfaces;
-    EXPECT_EQ(std::vector<int>(sizes.begin(), sizes.end()), test.offered) << test.interfaces;
+    EXPECT_EQ(sizes, test.offered) << test.interfaces;
     EXPECT_EQ(Text(pairs.back().first), "10.0.0." + std::to_string(test.interfaces));
   }
 }
@@ -348,11 +360,11 @@ TEST_F(Fault, NoTable) {
 TEST_F(Fault, NoMemory) {
   AddInterfaces(30);
   for (const std::size_t size : {1024, 2048}) {
-    const heap::Failing failing(size);
+    const heap::Failing failing(heap::kMalloc, size, size);
     ExpectBothFail(Win32Code(8), "Out of memory", kV4);
     ExpectBothFail(Win32Code(8), "Out of memory", kAny);
   }
-  const heap::Failing failing(1024);
+  const heap::Failing failing(heap::kMalloc, 1024, 1024);
   std::vector<std::string> macs{"before"};
   EXPECT_FAILS(CZuIPAddr::GetMACList(macs, kV4), Win32Code(8), "Out of memory");
   EXPECT_THAT(macs, ElementsAre("before"));

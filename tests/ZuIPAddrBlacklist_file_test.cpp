@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "ZuNetwork/ZuIPAddrBlacklist.h"
-#include "support/Allocations.h"
 #include "support/Expect.h"
+#include "support/Heap.h"
 #include "support/TempDir.h"
 
 // Blacklists that are loaded from a file.
@@ -291,7 +291,7 @@ TEST_F(ZuIPAddrBlacklistFile, MissingMemoryForTheLineIsReported) {
   const std::ptrdiff_t before = OpenDescriptors();
   CZuError error;
   {
-    const allocations::Limit limit(1000);
+    const heap::Failing limit(heap::kNew, 1001);
     error = list.LoadBlacklistFromFile(path.c_str());
   }
   EXPECT_FAILS(error, Win32Code(14), "CZuIPAddrBlacklist::LoadBlacklistFromFile(");

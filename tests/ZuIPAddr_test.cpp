@@ -14,7 +14,7 @@
 #include "support/Addresses.h"
 #include "support/Expect.h"
 #include "support/FakeResolver.h"
-#include "support/Malloc.h"
+#include "support/Heap.h"
 #include "support/Namespaces.h"
 
 namespace {
@@ -416,7 +416,7 @@ TEST(ZuIPAddr, NeedsNoHeapButForReadingText) {
   const CZuIPAddr source = Address("2001:db8:1111:2222:3333:4444:5555:6666", 80);
   CZuString text;
   ASSERT_OK(source.GetAddressString(text));  // what the system sets up once is there now
-  const std::size_t before = heap::gCount;
+  const std::size_t before = heap::Calls(heap::kMalloc);
   CZuIPAddr address;
   address = source;
   CZuIPAddr copy(address);
@@ -427,15 +427,15 @@ TEST(ZuIPAddr, NeedsNoHeapButForReadingText) {
   const CZuError textError = address.GetAddressString(text);
   copy.SetAddressFamily(kV6);
   copy.Clear();
-  EXPECT_EQ(heap::gCount, before);
+  EXPECT_EQ(heap::Calls(heap::kMalloc), before);
   EXPECT_FALSE(equal || Failed(portError) || Failed(maskError) || Failed(textError));
   EXPECT_STREQ(text.c_str(), "2001:db8:1111:2222:3333:4444:5555:6666");
 }
 
 TEST(ZuIPAddr, CountsAllocations) {
-  const std::size_t before = heap::gCount;
+  const std::size_t before = heap::Calls(heap::kMalloc);
   std::free(std::malloc(100));
-  EXPECT_EQ(heap::gCount, before + 1);
+  EXPECT_EQ(heap::Calls(heap::kMalloc), before + 1);
 }
 
 // ---- The family that the process prefers ----

@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "support/Expect.h"
+#include "support/SystemFunction.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -19,7 +21,7 @@ const std::string kLibrary = kFolder + "/libzufake_library.so";
 const std::string kDependency = kFolder + "/libzufake_dependency.so";
 const std::string kUnresolved = kFolder + "/libzufake_unresolved.so";
 
-std::atomic<int> gFailingCloses{0};
+SystemFunction<int(void*)> gClose{"dlclose"};
 
 bool IsLoaded(const std::string& path) {
   void* const handle = dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD);
@@ -44,12 +46,7 @@ class ZuLibrary : public testing::Test {
 
 }  // namespace
 
-extern "C" int dlclose(void* handle) noexcept {
-  static const auto next = reinterpret_cast<int (*)(void*)>(dlsym(RTLD_NEXT, "dlclose"));
-  if (gFailingCloses == 0) return next(handle);
-  --gFailingCloses;
-  return -1;
-}
+extern "C" int dlclose(void* handle) noexcept { return gClose(handle); }
 
 static_assert(!std::is_copy_constructible_v<CZuLibrary> && !std::is_copy_assignable_v<CZuLibrary> &&
               !std::is_convertible_v<bool, CZuLibrary>);
@@ -248,9 +245,11 @@ TEST_F(ZuLibrary, AnotherLibraryIsRefusedAndTheFirstKept) {
 TEST_F(ZuLibrary, FailedFreeIsReportedOnce) {
   CZuLibrary library(true);
   ASSERT_OK(library.Load(kLibrary.c_str(), false));
-  gFailingCloses = 1;
-  EXPECT_FAILS(library.Free(), Win32Code(kErrorInvalidState), "Failed to free the library: ");
-  EXPECT_EQ(gFailingCloses, 0);
+  {
+    const Fault fault(gClose, EIO);
+    EXPECT_FAILS(library.Free(), Win32Code(kErrorInvalidState), "Failed to free the library: ");
+    EXPECT_TRUE(fault.HasHappened());
+  }
   EXPECT_OK(library.Free());
   void* const left = dlopen(kLibrary.c_str(), RTLD_LAZY);
   dlclose(left);

@@ -17,7 +17,7 @@
 #include <ctime>
 
 #include "ZuUtils/ZuSleep.h"
-#include "support/Allocations.h"
+#include "support/Heap.h"
 #include "support/PingProbe.h"
 #include "support/Sanitizers.h"
 
@@ -414,14 +414,14 @@ constexpr NoMemory kNoMemory[] = {
     {10'000, 10'007, "Ping send-buffer allocation failed"},
     {10'000, 10'008, "Ping recv-buffer allocation failed"},
     {10'000, 11'031, "Ping recv-buffer allocation failed"},
-    {4294967295, allocations::kNoLimit, "Ping send-buffer allocation failed"},
-    {4294967288, allocations::kNoLimit, "Ping send-buffer allocation failed"},
+    {4294967295, SIZE_MAX - 1, "Ping send-buffer allocation failed"},
+    {4294967288, SIZE_MAX - 1, "Ping send-buffer allocation failed"},
 };
 
 TEST_F(ZuPing, PacketsWithoutMemoryAreReported) {
   for (const NoMemory& noMemory : kNoMemory) {
     SCOPED_TRACE(noMemory.size);
-    const allocations::Limit limit(noMemory.limit);
+    const heap::Failing limit(heap::kNew, noMemory.limit + 1);
     EXPECT_TRUE(HasMessages(Ping("192.0.2.1", noMemory.size), KDResultCode(5),
                             {noMemory.message, "prepare buffer failed"}));
     EXPECT_EQ(probe.m_pPingSendBuffer, nullptr);
@@ -444,7 +444,7 @@ TEST_F(ZuPing, SizeThatOnlyTheReplyExceedsTakesNoMemory) {
 
 TEST_F(ZuPing, LargestSizeWithReplyIsAllocated) {
   probe.m_bufferSize = 10'000;
-  const allocations::Limit limit(11'032);
+  const heap::Failing limit(heap::kNew, 11'033);
   EXPECT_OK(probe.prepareBuffer());
 }
 

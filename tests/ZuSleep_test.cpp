@@ -1,6 +1,5 @@
 #include "ZuUtils/ZuSleep.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/time.h>
@@ -14,6 +13,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include "support/SystemFunction.h"
 
 namespace {
 
@@ -58,10 +59,7 @@ class ZuSleep : public testing::Test {
   void TearDown() override { ZuSetSleepCallBack(nullptr); }
 };
 
-std::atomic<int> gInterruptions{0};
-
-// Where the end of a sleep goes that is to take no time.
-std::atomic<timespec*> gSleepUntil{nullptr};
+SystemFunction<int(clockid_t, int, const timespec*, timespec*)> gNanosleep{"clock_nanosleep"};
 
 // Interrupts whatever the process does every few milliseconds.
 class IntervalTimer {
@@ -88,15 +86,7 @@ class IntervalTimer {
 }  // namespace
 
 extern "C" int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* rest) {
-  static const auto next = reinterpret_cast<int (*)(clockid_t, int, const timespec*, timespec*)>(
-      dlsym(RTLD_NEXT, "clock_nanosleep"));
-  if (timespec* const until = gSleepUntil) {
-    *until = *time;
-    return clock == CLOCK_MONOTONIC && flags == TIMER_ABSTIME ? 0 : EINVAL;
-  }
-  const int result = next(clock, flags, time, rest);
-  if (result == EINTR) ++gInterruptions;
-  return result;
+  return gNanosleep(clock, flags, time, rest);
 }
 
 TEST_F(ZuSleep, TakesAtLeastTheTimeItIsGiven) {
@@ -112,11 +102,14 @@ TEST_F(ZuSleep, TakesAtLeastTheTimeItIsGiven) {
 TEST_F(ZuSleep, EveryTimeIsSleptToItsEnd) {
   for (const int milliseconds : {1, 999, 1000, 1001, 1999, 2000, 86'400'000, INT_MAX}) {
     timespec end = {};
-    gSleepUntil = &end;
+    const Replacement none(
+        gNanosleep, [&end](clockid_t clock, int flags, const timespec* time, timespec* /*rest*/) {
+          end = *time;
+          return clock == CLOCK_MONOTONIC && flags == TIMER_ABSTIME ? 0 : EINVAL;
+        });
     const Seconds before = MonotonicTime();
     ZUSLEEP(milliseconds);
     const Seconds after = MonotonicTime();
-    gSleepUntil = nullptr;
     EXPECT_GE(SecondsOf(end) - before, milliseconds / 1000.0 - 1e-6) << milliseconds;
     EXPECT_LE(SecondsOf(end) - after, milliseconds / 1000.0 + 1e-6) << milliseconds;
     EXPECT_LT(end.tv_nsec, 1'000'000'000) << milliseconds;
@@ -124,14 +117,20 @@ TEST_F(ZuSleep, EveryTimeIsSleptToItsEnd) {
 }
 
 TEST_F(ZuSleep, ResumesAfterSignalsUntilTheTimeIsOver) {
-  gInterruptions = 0;
+  int interruptions = 0;
+  const Replacement count(gNanosleep,
+                          [&](clockid_t clock, int flags, const timespec* time, timespec* rest) {
+                            const int result = gNanosleep.Real(clock, flags, time, rest);
+                            if (result == EINTR) ++interruptions;
+                            return result;
+                          });
   const Seconds start = MonotonicTime();
   {
     const IntervalTimer timer(5);
     ZUSLEEP(200);
   }
   const Seconds taken = MonotonicTime() - start;
-  EXPECT_GE(gInterruptions, 5);
+  EXPECT_GE(interruptions, 5);
   EXPECT_GE(taken, 0.2);
   EXPECT_LT(taken, 2.2);
 }

@@ -14,7 +14,6 @@
 namespace {
 
 using system_calls::FakeClock;
-using system_calls::Fault;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kUntouched = 99;
@@ -116,19 +115,18 @@ TEST_P(ZuSocketAccept, MessageCarriesTheTimeOut) {
 
 TEST_P(ZuSocketAccept, WaitsForReadinessAndForExceptions) {
   int asked = 0;
-  const system_calls::ReplacedSelect watched(
-      system_calls::gSelect,
-      [&](int nfds, fd_set* in, fd_set* out, fd_set* except, timeval* timeout) {
-        asked = nfds;
-        for (int fd = 0; fd < nfds; ++fd) {
-          EXPECT_EQ(FD_ISSET(fd, in) != 0, fd == descriptor) << fd;
-          EXPECT_FALSE(FD_ISSET(fd, out)) << fd;
-          EXPECT_EQ(FD_ISSET(fd, except) != 0, fd == descriptor) << fd;
-        }
-        EXPECT_EQ(timeout->tv_sec, 3);
-        EXPECT_EQ(timeout->tv_usec, 0);
-        return system_calls::NextSelect(nfds, in, out, except, timeout);
-      });
+  const Replacement watched(system_calls::gSelect, [&](int nfds, fd_set* in, fd_set* out,
+                                                       fd_set* except, timeval* timeout) {
+    asked = nfds;
+    for (int fd = 0; fd < nfds; ++fd) {
+      EXPECT_EQ(FD_ISSET(fd, in) != 0, fd == descriptor) << fd;
+      EXPECT_FALSE(FD_ISSET(fd, out)) << fd;
+      EXPECT_EQ(FD_ISSET(fd, except) != 0, fd == descriptor) << fd;
+    }
+    EXPECT_EQ(timeout->tv_sec, 3);
+    EXPECT_EQ(timeout->tv_usec, 0);
+    return system_calls::gSelect.Real(nfds, in, out, except, timeout);
+  });
   ASSERT_OK(client.Connect(address));
   ASSERT_OK(listener.AcceptWithTimeout(accepted, 3, &timedOut));
   EXPECT_EQ(asked, descriptor + 1);
@@ -138,7 +136,7 @@ TEST_P(ZuSocketAccept, NoTimeOutWaitsForAClient) {
   for (const int timeout : {0, -1}) {
     SCOPED_TRACE(timeout);
     timedOut = kUntouched;
-    system_calls::ResetCount(system_calls::kSelect);
+    system_calls::gSelect.ResetCalls();
     std::thread late([&] {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
       EXPECT_OK(client.Connect(address));
@@ -148,7 +146,7 @@ TEST_P(ZuSocketAccept, NoTimeOutWaitsForAClient) {
     late.join();
     EXPECT_GE(SecondsSince(start), 0.09);
     EXPECT_EQ(timedOut, 0);
-    EXPECT_EQ(system_calls::CountOf(system_calls::kSelect), 0);
+    EXPECT_EQ(system_calls::gSelect.Calls(), 0);
     accepted.Close();
     client.Close();
   }
@@ -221,11 +219,11 @@ TEST_P(ZuSocketAccept, ExceptionIsReportedAlsoWhenAClientIsThere) {
   for (const bool readable : {false, true}) {
     SCOPED_TRACE(readable);
     timedOut = kUntouched;
-    const system_calls::ReplacedSelect exceptional(
-        system_calls::gSelect, [&](int, fd_set* in, fd_set*, fd_set*, timeval*) {
-          if (!readable) FD_CLR(descriptor, in);
-          return readable ? 2 : 1;
-        });
+    const Replacement exceptional(system_calls::gSelect,
+                                  [&](int, fd_set* in, fd_set*, fd_set*, timeval*) {
+                                    if (!readable) FD_CLR(descriptor, in);
+                                    return readable ? 2 : 1;
+                                  });
     const CZuError error = listener.AcceptWithTimeout(accepted, 5, &timedOut);
     const std::string text = "exception detected on socket " + std::to_string(descriptor);
     EXPECT_FAILS(error, ErrNoCode(5), text.c_str());
@@ -236,7 +234,7 @@ TEST_P(ZuSocketAccept, ExceptionIsReportedAlsoWhenAClientIsThere) {
 }
 
 TEST_P(ZuSocketAccept, FailedWaitIsPassedOnWithItsPlace) {
-  const Fault fault(system_calls::kSelect, ENOMEM);
+  const Fault fault(system_calls::gSelect, ENOMEM);
   const CZuError error = listener.AcceptWithTimeout(accepted, 5, &timedOut);
   EXPECT_FAILS(error, ErrNoCode(ENOMEM), "select call failed");
   const std::string text = error.AsString();
@@ -270,13 +268,13 @@ TEST_P(ZuSocketAccept, SignalEndsTheWait) {
 
 TEST_P(ZuSocketAccept, WaitThatFailsWithoutAReasonIsNoTimeOut) {
   ASSERT_OK(client.Connect(address));
-  const system_calls::ReplacedSelect odd(system_calls::gSelect,
-                                         [&](int, fd_set* in, fd_set*, fd_set* except, timeval*) {
-                                           FD_CLR(descriptor, in);
-                                           FD_CLR(descriptor, except);
-                                           errno = 0;
-                                           return -1;
-                                         });
+  const Replacement odd(system_calls::gSelect,
+                        [&](int, fd_set* in, fd_set*, fd_set* except, timeval*) {
+                          FD_CLR(descriptor, in);
+                          FD_CLR(descriptor, except);
+                          errno = 0;
+                          return -1;
+                        });
   ASSERT_OK(listener.AcceptWithTimeout(accepted, 5, &timedOut));
   EXPECT_EQ(timedOut, 0);
 }
@@ -284,7 +282,7 @@ TEST_P(ZuSocketAccept, WaitThatFailsWithoutAReasonIsNoTimeOut) {
 TEST_P(ZuSocketAccept, FailedAcceptPassesUnchanged) {
   ASSERT_OK(client.Connect(address));
   for (const int timeout : {5, 0}) {
-    const Fault fault(system_calls::kAccept, EMFILE);
+    const Fault fault(system_calls::gAccept, EMFILE);
     const CZuError error = listener.AcceptWithTimeout(accepted, timeout, &timedOut);
     EXPECT_FAILS(error, ErrNoCode(EMFILE), "CZuSocket::Accept(");
     EXPECT_EQ(error.AsString().find("AcceptWithTimeout"), std::string::npos);
@@ -294,11 +292,11 @@ TEST_P(ZuSocketAccept, FailedAcceptPassesUnchanged) {
 }
 
 TEST_P(ZuSocketAccept, ClientThatLeftMakesTheAcceptWaitForTheNext) {
-  const system_calls::ReplacedSelect stale(
-      system_calls::gSelect, [&](int, fd_set*, fd_set*, fd_set* except, timeval*) {
-        FD_CLR(descriptor, except);
-        return 1;  // readable, although nobody is there any more
-      });
+  const Replacement stale(system_calls::gSelect,
+                          [&](int, fd_set*, fd_set*, fd_set* except, timeval*) {
+                            FD_CLR(descriptor, except);
+                            return 1;  // readable, although nobody is there any more
+                          });
   std::thread next([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
     EXPECT_OK(client.Connect(address));
@@ -324,15 +322,19 @@ class ZuSocketPair : public SocketTest {
 };
 
 // Lets "localhost" be this address alone.
-class LocalhostIs : public system_calls::ReplacedLookup {
+class LocalhostIs {
  public:
   explicit LocalhostIs(const char* text)
-      : Replacement(system_calls::gLookup,
-                    [text](const char* name, const addrinfo* hints, addrinfo** found) {
-                      EXPECT_STREQ(name, "localhost");
-                      EXPECT_EQ(hints->ai_family, AF_UNSPEC) << "the preference decides";
-                      return system_calls::NextLookup(text, hints, found);
-                    }) {}
+      : m_lookup(system_calls::gGetAddrInfo, [text](const char* name, const char* service,
+                                                    const addrinfo* hints, addrinfo** found) {
+          EXPECT_STREQ(name, "localhost");
+          EXPECT_EQ(service, nullptr);
+          EXPECT_EQ(hints->ai_family, AF_UNSPEC) << "the preference decides";
+          return system_calls::gGetAddrInfo.Real(text, service, hints, found);
+        }) {}
+
+ private:
+  Replacement<int(const char*, const char*, const addrinfo*, addrinfo**)> m_lookup;
 };
 
 TEST_F(ZuSocketPair, PassesBytesBothWays) {
@@ -392,16 +394,19 @@ TEST_F(ZuSocketPair, ListenerDoesNotOutliveTheCall) {
 }
 
 TEST_F(ZuSocketPair, ListensWithABacklogOfFive) {
-  system_calls::ResetCount(system_calls::kListen);
+  std::vector<int> backlogs;
+  const Replacement record(system_calls::gListen, [&](int descriptor, int backlog) {
+    backlogs.push_back(backlog);
+    return system_calls::gListen.Real(descriptor, backlog);
+  });
   ASSERT_OK(Make());
-  EXPECT_EQ(system_calls::CountOf(system_calls::kListen), 1);
-  EXPECT_EQ(system_calls::gLastBacklog, 5);
+  EXPECT_EQ(backlogs, std::vector<int>{5});
 }
 
 TEST_F(ZuSocketPair, BlockingPairIsStillAPair) {
-  const Fault fault(system_calls::kIoctl, EIO, 1, 2);
+  const Fault fault(system_calls::gIoctl, EIO, 1, 2);
   ASSERT_OK(Make());
-  EXPECT_EQ(system_calls::CountOf(system_calls::kIoctl), 2);
+  EXPECT_EQ(system_calls::gIoctl.Calls(), 2);
   EXPECT_FALSE(IsNonBlocking(first));
   EXPECT_FALSE(IsNonBlocking(second));
 }
@@ -426,7 +431,7 @@ TEST_F(ZuSocketPair, NullPointersAreRefused) {
 
 struct FailingStep {
   const char* name;
-  system_calls::Call call;
+  CallScript& function;
   int err;
   int number;  // of the call
   const char* place;
@@ -435,23 +440,23 @@ struct FailingStep {
 
 // Up to here the objects are untouched.
 const FailingStep kListenerSteps[] = {
-    {"socket", system_calls::kSocket, EMFILE, 1, "CZuSocket::Bind(", "Couldn't create socket pair"},
-    {"bind", system_calls::kBind, EADDRINUSE, 1, "CZuSocket::Bind(", "Couldn't create socket pair"},
-    {"listen", system_calls::kListen, ENOBUFS, 1, "CZuSocket::Listen(",
+    {"socket", system_calls::gSocket, EMFILE, 1, "CZuSocket::Bind(", "Couldn't create socket pair"},
+    {"bind", system_calls::gBind, EADDRINUSE, 1, "CZuSocket::Bind(", "Couldn't create socket pair"},
+    {"listen", system_calls::gListen, ENOBUFS, 1, "CZuSocket::Listen(",
      "Couldn't create socket pair"},
-    {"getsockname", system_calls::kGetSockName, ENOBUFS, 1, "CZuSocket::GetLocalAddress(",
+    {"getsockname", system_calls::gGetSockName, ENOBUFS, 1, "CZuSocket::GetLocalAddress(",
      "Couldn't create socket pair"},
 };
 
 // From here on they are closed.
 const FailingStep kPairSteps[] = {
-    {"socket of first", system_calls::kSocket, EMFILE, 2, "CZuSocket::Connect(",
+    {"socket of first", system_calls::gSocket, EMFILE, 2, "CZuSocket::Connect(",
      "Couldn't connect socket pair"},
-    {"connect", system_calls::kConnect, ECONNREFUSED, 1, "CZuSocket::Connect(",
+    {"connect", system_calls::gConnect, ECONNREFUSED, 1, "CZuSocket::Connect(",
      "Couldn't connect socket pair"},
-    {"getsockname of accept", system_calls::kGetSockName, ENOBUFS, 2, "CZuSocket::Accept(",
+    {"getsockname of accept", system_calls::gGetSockName, ENOBUFS, 2, "CZuSocket::Accept(",
      "Couldn't accept socket pair"},
-    {"accept", system_calls::kAccept, EMFILE, 1, "CZuSocket::Accept(",
+    {"accept", system_calls::gAccept, EMFILE, 1, "CZuSocket::Accept(",
      "Couldn't accept socket pair"},
 };
 
@@ -468,8 +473,9 @@ void ExpectStepFailure(const FailingStep& step, const CZuError& error) {
 TEST_F(ZuSocketPair, UnknownLocalhostLeavesBothObjects) {
   first.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3", 4));
   second.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.4", 5));
-  const system_calls::ReplacedLookup unknown(
-      system_calls::gLookup, [](const char*, const addrinfo*, addrinfo**) { return EAI_NONAME; });
+  const Replacement unknown(
+      system_calls::gGetAddrInfo,
+      [](const char*, const char*, const addrinfo*, addrinfo**) { return EAI_NONAME; });
   RecordHooks();
   const CZuError error = Make();
   EXPECT_FAILS(error, ErrNoCode(EAI_NONAME), "CZuIPAddr::GetByName(");
@@ -492,7 +498,7 @@ TEST_F(ZuSocketPair, FailuresOfTheListenerLeaveBothObjects) {
     const CZuSocket rightBefore = right;
     const std::ptrdiff_t before = OpenDescriptors();
     RecordHooks();
-    const Fault fault(step.call, step.err, step.number);
+    const Fault fault(step.function, step.err, step.number);
     ExpectStepFailure(step, CZuSocket::CreateSocketPair(&left, &right));
     EXPECT_TRUE(fault.HasHappened());
     EXPECT_TRUE(left == leftBefore && right == rightBefore);
@@ -511,7 +517,7 @@ TEST_F(ZuSocketPair, LaterFailuresCloseAndEmptyBothObjects) {
     OwnedSocket right;
     left = AddressOf("10.1.2.3", 4);
     RecordHooks();
-    const Fault fault(step.call, step.err, step.number);
+    const Fault fault(step.function, step.err, step.number);
     ExpectStepFailure(step, CZuSocket::CreateSocketPair(&left, &right));
     EXPECT_TRUE(fault.HasHappened());
     EXPECT_EQ(left.GetDescriptor(), -1);
@@ -528,7 +534,7 @@ TEST_F(ZuSocketPair, LaterFailuresCloseAndEmptyBothObjects) {
 TEST_F(ZuSocketPair, FailedConnectLeavesTheSecondObject) {
   second.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.4", 5));
   const int descriptor = second.GetDescriptor();
-  const Fault fault(system_calls::kConnect, ECONNREFUSED);
+  const Fault fault(system_calls::gConnect, ECONNREFUSED);
   EXPECT_FAILS(Make(), ErrNoCode(ECONNREFUSED), "Couldn't connect socket pair");
   EXPECT_EQ(second.GetDescriptor(), descriptor);
   EXPECT_TRUE(IsOpen(descriptor));

@@ -10,13 +10,11 @@
 #include <thread>
 #include <type_traits>
 
-#include "support/CountedCalloc.h"
+#include "support/Heap.h"
 #include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
 namespace {
-
-using system_calls::Fault;
 
 constexpr timeval kNow{0, 0};
 constexpr timeval kLong{30, 0};
@@ -39,7 +37,7 @@ CZuSocket SocketOf(int descriptor) {
 }
 
 // Shows what the system is asked for, and uses every bit of the three sets that it may use.
-class WatchedSelect : public system_calls::ReplacedSelect {
+class WatchedSelect : public Replacement<int(int, fd_set*, fd_set*, fd_set*, timeval*)> {
  public:
   WatchedSelect()
       : Replacement(system_calls::gSelect,
@@ -48,7 +46,7 @@ class WatchedSelect : public system_calls::ReplacedSelect {
                       for (fd_set* set : {in, out, except}) Touch(set, nfds);
                       hasTimeout = timeout != nullptr;
                       if (hasTimeout) asked = *timeout;
-                      return system_calls::NextSelect(nfds, in, out, except, timeout);
+                      return system_calls::gSelect.Real(nfds, in, out, except, timeout);
                     }) {}
 
   int count = -1;
@@ -288,8 +286,8 @@ TEST_F(ZuSocketSelector, KindsAreClearedEachForItself) {
        &CZuSocketSelector::ClearAllExceptionSockets, &CZuSocketSelector::GetExceptionSelected},
   };
   // Everything asked for is ready, so that the results are the registrations.
-  const system_calls::ReplacedSelect ready(
-      system_calls::gSelect, [](int, fd_set*, fd_set*, fd_set*, timeval*) { return 1; });
+  const Replacement ready(system_calls::gSelect,
+                          [](int, fd_set*, fd_set*, fd_set*, timeval*) { return 1; });
   for (const Kind& cleared : kinds) {
     for (const bool all : {false, true}) {
       CZuSocketSelector selector;
@@ -423,20 +421,20 @@ TEST_F(ZuSocketSelector, HighestDescriptorBelowTheMaximumIsAccepted) {
   if (!RaiseDescriptorLimit(8191)) GTEST_SKIP() << "the system's limit is below 8,192 descriptors";
   OwnedSocket high;
   ASSERT_NO_FATAL_FAILURE(Duplicate(first, 8191, high));
-  const std::size_t callocs = counted_calloc::Count();
+  const std::size_t callocs = heap::Calls(heap::kCalloc);
   const WatchedSelect watched;
   OpenSelector selector;
   EXPECT_OK(selector.Register(high));
   EXPECT_OK(selector.Select(&kNow, &timedOut));
   EXPECT_EQ(watched.count, 8192);
-  EXPECT_EQ(counted_calloc::Count(), callocs) << "no set had to grow";
+  EXPECT_EQ(heap::Calls(heap::kCalloc), callocs) << "no set had to grow";
 }
 
 TEST_F(ZuSocketSelectorHigh, RegistrationWithoutMemoryIsNotWaitedOn) {
   OpenSelector selector;
   selector.SetWriteSocket(first);
   {
-    const counted_calloc::NoCalloc none;
+    const heap::Failing none(heap::kCalloc);
     EXPECT_FAILS(selector.Register(SocketOf(9000)), Win32Code(774), "Specified fd set is already");
   }
   EXPECT_FAILS(selector.Register(first), Win32Code(774),
@@ -453,12 +451,12 @@ TEST_F(ZuSocketSelectorHigh, WaitWithoutMemoryIsReported) {
   ASSERT_NO_FATAL_FAILURE(Duplicate(first, 9000, high));
   CZuSocketSelector selector;
   selector.SetWriteSocket(high);
-  system_calls::ResetCount(system_calls::kSelect);
+  system_calls::gSelect.ResetCalls();
   {
-    const counted_calloc::NoCalloc none;
+    const heap::Failing none(heap::kCalloc);
     EXPECT_FAILS(selector.Select(&kNow, &timedOut), ErrNoCode(ENOMEM), "Select");
   }
-  EXPECT_EQ(system_calls::CountOf(system_calls::kSelect), 0);
+  EXPECT_EQ(system_calls::gSelect.Calls(), 0);
   ASSERT_OK(selector.Select(&kLong, &timedOut)) << "it goes on once there is memory";
   EXPECT_EQ(DescriptorsOf(selector.GetWriteSelected()), Descriptors{9000});
 }
@@ -517,7 +515,7 @@ TEST_F(ZuSocketSelectorHigh, EverySocketOfASetWithoutStorageCountsAsReady) {
   selector.SetReadSocket(first);
   selector.SetReadSocket(second);
   {
-    const counted_calloc::NoCalloc none;
+    const heap::Failing none(heap::kCalloc);
     EXPECT_FAILS(selector.Select(&kNow, &timedOut), ErrNoCode(ENOMEM), "Select");
   }
   EXPECT_EQ(selector.GetReadSelected().size(), 2u);
@@ -657,11 +655,11 @@ TEST_F(ZuSocketSelector, InterruptedWaitIsReportedAndNotRepeated) {
   CZuSocketSelector selector;
   selector.SetReadSocket(first);
   for (const bool before : {false, true}) {
-    const Fault fault(system_calls::kSelect, EINTR);
+    const Fault fault(system_calls::gSelect, EINTR);
     timedOut = before;
     const CZuError error = selector.Select(&kLong, &timedOut);
     EXPECT_FAILS(error, ErrNoCode(EINTR), "CZuSocketSelector::Select(");
-    EXPECT_EQ(system_calls::CountOf(system_calls::kSelect), 1);
+    EXPECT_EQ(system_calls::gSelect.Calls(), 1);
     EXPECT_EQ(timedOut, before) << "untouched";
   }
 }
@@ -702,11 +700,10 @@ TEST_F(ZuSocketSelector, BadTimeOutIsTheSystemsError) {
 TEST_F(ZuSocketSelector, FailureWithoutAReasonIsASuccessThatTellsNothing) {
   CZuSocketSelector selector;
   selector.SetReadSocket(first);
-  const system_calls::ReplacedSelect odd(system_calls::gSelect,
-                                         [](int, fd_set*, fd_set*, fd_set*, timeval*) {
-                                           errno = 0;
-                                           return -1;
-                                         });
+  const Replacement odd(system_calls::gSelect, [](int, fd_set*, fd_set*, fd_set*, timeval*) {
+    errno = 0;
+    return -1;
+  });
   for (const bool before : {false, true}) {
     timedOut = before;
     EXPECT_OK(selector.Select(&kNow, &timedOut));
@@ -718,7 +715,7 @@ TEST_F(ZuSocketSelector, WaitAfterAFailureIsAsGoodAsAny) {
   CZuSocketSelector selector;
   selector.SetWriteSocket(first);
   {
-    const Fault fault(system_calls::kSelect, EINTR);
+    const Fault fault(system_calls::gSelect, EINTR);
     EXPECT_FAILS(selector.Select(&kLong, &timedOut), ErrNoCode(EINTR), "Select");
   }
   ASSERT_OK(selector.Select(&kLong, &timedOut));

@@ -9,7 +9,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-#include "support/HeapCalls.h"
+#include "support/Heap.h"
 #include "support/Sockets.h"
 #include "support/SystemFunction.h"
 
@@ -425,14 +425,14 @@ TEST_F(NameToIp, FailedAllocationKeepsTheResolversList) {
        std::vector<std::vector<const char*>>{{}, {"10.1.2.3"}, {"::1", "10.1.2.3"}, {"other"}}) {
     FakeResolver resolver;
     Resolve(resolver, list);
-    const std::size_t failures = heap::Failures();
+    const std::size_t failures = heap::Failures(heap::kCalloc);
     int result = -7;
     {
-      const heap::CallocFails noMemory;
+      const heap::Failing noMemory(heap::kCalloc);
       result = ZUNET_name2ip("x", &host, 0);
     }
     EXPECT_EQ(result, 12);
-    EXPECT_EQ(heap::Failures(), failures + 1);
+    EXPECT_EQ(heap::Failures(heap::kCalloc), failures + 1);
     EXPECT_EQ(resolver.releases, 0);
   }
 }

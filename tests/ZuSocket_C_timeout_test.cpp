@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "support/HeapCalls.h"
+#include "support/Heap.h"
 #include "support/Sockets.h"
 #include "support/SystemFunction.h"
 
@@ -309,14 +309,14 @@ TEST_P(Timeouts, DescriptorThatNoSetHoldsEndsQuietly) {
 
 TEST_P(Timeouts, DescriptorThatFindsNoMemoryEndsQuietly) {
   kdfdset_maxsock_set(20000);
-  const std::size_t failures = heap::Failures();
+  const std::size_t failures = heap::Failures(heap::kCalloc);
   int result = -7;
   {
-    const heap::CallocFails noMemory;
+    const heap::Failing noMemory(heap::kCalloc);
     result = GetParam().call(9000, buffer, 5, &count, 3, &timedOut, 0);
   }
   kdfdset_maxsock_set(8192);
-  EXPECT_EQ(heap::Failures(), failures + 1);
+  EXPECT_EQ(heap::Failures(heap::kCalloc), failures + 1);
   EXPECT_EQ(result, 0);
   EXPECT_EQ(count, 0);
   EXPECT_EQ(timedOut, 0);
@@ -539,9 +539,9 @@ TEST(RealTimeouts, EveryWaitOnAHighDescriptorAllocatesItsSetOnce) {
   char byte = 0;
   int count = -7;
   int timedOut = -7;
-  const std::size_t before = heap::Calls();
+  const std::size_t before = heap::Calls(heap::kMalloc | heap::kCalloc);
   const int result = ZUNET_recvwithtimeout(9000, &byte, 1, &count, 5, &timedOut, 0);
-  const std::size_t calls = heap::Calls() - before;
+  const std::size_t calls = heap::Calls(heap::kMalloc | heap::kCalloc) - before;
   kdfdset_maxsock_set(8192);
   EXPECT_EQ(result, 0);
   EXPECT_EQ(timedOut, 1);

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "support/HeapCalls.h"
+#include "support/Heap.h"
 #include "support/Sockets.h"
 #include "support/SystemFunction.h"
 
@@ -420,10 +420,10 @@ TEST_P(Transfers, AllocateNothingBelow8192) {
   kdfdset_maxsock_set(20000);
   int sent = -7;
   PeerSends("hello");
-  const std::size_t before = heap::Calls();
+  const std::size_t before = heap::Calls(heap::kMalloc | heap::kCalloc);
   const int sending = GetParam().send(low, "hello", 5, &sent, 0);
   const int receiving = GetParam().receive(low, buffer, 5, &count, 0);
-  const std::size_t calls = heap::Calls() - before;
+  const std::size_t calls = heap::Calls(heap::kMalloc | heap::kCalloc) - before;
   kdfdset_maxsock_set(8192);
   EXPECT_EQ(sending, 0);
   EXPECT_EQ(receiving, 0);

@@ -12,7 +12,6 @@
 namespace {
 
 using system_calls::FakeClock;
-using system_calls::Fault;
 
 constexpr int kUntouched = 99;
 constexpr char kNoTimedOut[] = "Invalid input parameter, pnTimedOut is NULL";
@@ -137,13 +136,13 @@ TEST_P(ZuSocketDatagram, SilenceTimesOut) {
 TEST_P(ZuSocketDatagram, SendingThatFindsNoRoomTimesOut) {
   FakeClock clock;
   std::vector<double> waits;
-  const system_calls::ReplacedSelect full(
-      system_calls::gSelect, [&](int, fd_set*, fd_set*, fd_set*, timeval* timeout) {
-        waits.push_back(static_cast<double>(timeout->tv_sec));
-        system_calls::gFakeMilliseconds += std::max<std::int64_t>(timeout->tv_sec * 1000, 250);
-        *timeout = {};
-        return 0;
-      });
+  const Replacement full(system_calls::gSelect,
+                         [&](int, fd_set*, fd_set*, fd_set*, timeval* timeout) {
+                           waits.push_back(static_cast<double>(timeout->tv_sec));
+                           clock.Pass(std::max<std::int64_t>(timeout->tv_sec * 1000, 250));
+                           *timeout = {};
+                           return 0;
+                         });
   const CZuError error = first.SendtoICMPSocket("x", 1, 1, &timedOut, 0, &count);
   EXPECT_FAILS(error, Win32Code(774), "Socket send timed out");
   EXPECT_FAILS(error, Win32Code(774), "CZuSocket::SendtoICMPSocket(");
@@ -156,29 +155,29 @@ TEST_P(ZuSocketDatagram, FailuresCarryTheSystemsNumber) {
   for (const int timeout : {5, 0}) {
     SCOPED_TRACE(timeout);
     timedOut = count = kUntouched;
-    const Fault sending(system_calls::kSendTo, EINTR);
+    const Fault sending(system_calls::gSendTo, EINTR);
     EXPECT_FAILS(first.SendtoICMPSocket("x", 1, timeout, &timedOut, 0, &count), ErrNoCode(EINTR),
                  "CZuSocket::SendtoICMPSocket(");
     EXPECT_EQ(timedOut, 0);
     EXPECT_EQ(count, 0);
     timedOut = count = kUntouched;
     ASSERT_OK(first.SendtoICMPSocket("x", 1, 5, &timedOut, 0, nullptr));
-    const Fault receiving(system_calls::kRecvFrom, EINTR);
+    const Fault receiving(system_calls::gRecvFrom, EINTR);
     EXPECT_FAILS(second.RecvfromICMPSocket(buffer, 1, timeout, &timedOut, 0, &count),
                  ErrNoCode(EINTR), "CZuSocket::RecvfromICMPSocket(");
     EXPECT_EQ(timedOut, 0);
     EXPECT_EQ(count, 0);
-    EXPECT_EQ(system_calls::CountOf(system_calls::kRecvFrom), 1) << "it is not repeated";
+    EXPECT_EQ(system_calls::gRecvFrom.Calls(), 1) << "it is not repeated";
   }
 }
 
 TEST_P(ZuSocketDatagram, FailedWaitIsTheSystemsError) {
   {
-    const Fault fault(system_calls::kSelect, ENOMEM);
+    const Fault fault(system_calls::gSelect, ENOMEM);
     EXPECT_FAILS(first.SendtoICMPSocket("x", 1, 5, &timedOut, 0, &count), ErrNoCode(ENOMEM),
                  "CZuSocket::SendtoICMPSocket(");
   }
-  const Fault fault(system_calls::kSelect, ENOMEM);
+  const Fault fault(system_calls::gSelect, ENOMEM);
   EXPECT_FAILS(second.RecvfromICMPSocket(buffer, 1, 5, &timedOut, 0, &count), ErrNoCode(ENOMEM),
                "CZuSocket::RecvfromICMPSocket(");
   EXPECT_EQ(timedOut, 0);

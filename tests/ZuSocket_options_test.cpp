@@ -9,8 +9,6 @@
 
 namespace {
 
-using system_calls::Fault;
-
 constexpr int kUntouched = 99;
 
 class ZuSocketOptions : public SocketTest {};
@@ -89,17 +87,17 @@ TEST_F(ZuSocketOptions, ReadQueueLengthIsWhatCanBeReadAtOnce) {
   ASSERT_OK(client.Send("12345", 5, 0, nullptr));
   ASSERT_OK(server.GetReadQueueLen(&length));
   EXPECT_EQ(length, 5u);
-  const Fault fault(system_calls::kIoctl, EIO);
+  const Fault fault(system_calls::gIoctl, EIO);
   EXPECT_FAILS(server.GetReadQueueLen(&length), ErrNoCode(EIO), "CZuSocket::GetReadQueueLen(");
   EXPECT_EQ(length, 5u);
 }
 
 TEST_F(ZuSocketOptions, ShutdownOfAnEmptyObjectSucceedsWithoutACall) {
   CZuSocket empty;
-  system_calls::ResetCount(system_calls::kShutdown);
+  system_calls::gShutdown.ResetCalls();
   for (const int how : {int{SHUT_RD}, int{SHUT_WR}, int{SHUT_RDWR}, 77})
     EXPECT_OK(empty.Shutdown(how));
-  EXPECT_EQ(system_calls::CountOf(system_calls::kShutdown), 0);
+  EXPECT_EQ(system_calls::gShutdown.Calls(), 0);
 }
 
 TEST_F(ZuSocketOptions, ShutdownEndsTheDirectionItNames) {

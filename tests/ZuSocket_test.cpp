@@ -10,8 +10,6 @@
 
 namespace {
 
-using system_calls::Fault;
-
 constexpr char kNotValid[] = "Not a valid socket";
 constexpr int kUntouched = 99;
 
@@ -356,11 +354,11 @@ TEST_F(ZuSocket, MakersRefuseAnObjectThatHoldsADescriptor) {
     OwnedSocket socket;
     socket.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3", 4));
     const int descriptor = socket.GetDescriptor();
-    system_calls::ResetCount(system_calls::kSocket);
+    system_calls::gSocket.ResetCalls();
     const CZuError error = maker.make(socket, AddressOf("10.9.9.9"));
     EXPECT_FAILS(error, Win32Code(774), "Socket already in use");
     EXPECT_FAILS(error, Win32Code(774), Signature(maker.name).c_str());
-    EXPECT_EQ(system_calls::CountOf(system_calls::kSocket), 0);
+    EXPECT_EQ(system_calls::gSocket.Calls(), 0);
     EXPECT_EQ(socket.GetDescriptor(), descriptor);
     EXPECT_TRUE(IsOpen(descriptor));
     EXPECT_EQ(TextOf(socket.GetAddress()), "10.1.2.3");
@@ -372,7 +370,7 @@ TEST_F(ZuSocket, MakersThatFailLeaveTheObjectEmpty) {
   for (const Maker& maker : kMakers) {
     SCOPED_TRACE(maker.name);
     CZuSocket socket;
-    const Fault fault(system_calls::kSocket, EMFILE);
+    const Fault fault(system_calls::gSocket, EMFILE);
     EXPECT_FAILS(maker.make(socket, AddressOf("127.0.0.1")), ErrNoCode(EMFILE),
                  Signature(maker.name).c_str());
     EXPECT_EQ(socket.GetDescriptor(), -1);
@@ -423,11 +421,10 @@ TEST_F(ZuSocket, IcmpSocketIsIPv6OnlyWhereThatIsAskedFor) {
   for (const auto& c : kCases) {
     std::array<int, 3> asked{};
     // Raw sockets are for the privileged; what is asked for is the same for everybody.
-    const system_calls::ReplacedSocket replaced(system_calls::gSocket,
-                                                [&](int domain, int type, int protocol) {
-                                                  asked = {domain, type, protocol};
-                                                  return ::socket(AF_INET, SOCK_DGRAM, 0);
-                                                });
+    const Replacement replaced(system_calls::gSocket, [&](int domain, int type, int protocol) {
+      asked = {domain, type, protocol};
+      return system_calls::gSocket.Real(AF_INET, SOCK_DGRAM, 0);
+    });
     OwnedSocket socket;
     ASSERT_OK(
         socket.ICMPSocket(AddressOf(c.address, 4), static_cast<CZuIPAddr::IP_FAMILY>(c.family)));
@@ -450,7 +447,7 @@ TEST_F(ZuSocket, IcmpSocketIsARawSocket) {
 
 TEST_F(ZuSocket, IcmpSocketKeepsTheTargetWhenItIsNotPermitted) {
   CZuSocket socket(AddressOf("10.9.9.9"));
-  const Fault fault(system_calls::kSocket, EPERM);
+  const Fault fault(system_calls::gSocket, EPERM);
   EXPECT_FAILS(socket.ICMPSocket(AddressOf("10.1.2.3", 4), CZuIPAddr::FAMILY_IPV4),
                ErrNoCode(EPERM), "ICMPSocket");
   EXPECT_EQ(socket.GetDescriptor(), -1);
@@ -511,10 +508,10 @@ TEST_F(ZuSocket, ConnectGoesOnAfterInterrupts) {
   OwnedSocket listener;
   CZuIPAddr address;
   ASSERT_NO_FATAL_FAILURE(ListenOn("127.0.0.1", listener, address));
-  const Fault fault(system_calls::kConnect, EINTR, 1, 2);
+  const Fault fault(system_calls::gConnect, EINTR, 1, 2);
   OwnedSocket socket;
   ASSERT_OK(socket.Connect(address));
-  EXPECT_EQ(system_calls::CountOf(system_calls::kConnect), 3);
+  EXPECT_EQ(system_calls::gConnect.Calls(), 3);
 }
 
 TEST_P(ZuSocketFamily, ConnectedSocketsKnowBothAddresses) {
@@ -586,7 +583,7 @@ TEST_F(ZuSocket, AcceptThatFailsLeavesTheOutput) {
   ASSERT_OK(listener.SetToNonBlocking());
   CZuSocket output(AddressOf("10.1.2.3", 4));
   EXPECT_FAILS(listener.Accept(output), ErrNoCode(EAGAIN), "CZuSocket::Accept(");
-  const Fault fault(system_calls::kGetSockName, ENOBUFS);
+  const Fault fault(system_calls::gGetSockName, ENOBUFS);
   EXPECT_FAILS(listener.Accept(output), ErrNoCode(ENOBUFS), "CZuSocket::Accept(");
   OwnedSocket idle;
   ASSERT_OK(idle.Bind(AddressOf("127.0.0.1")));
@@ -602,10 +599,10 @@ TEST_F(ZuSocket, AcceptGoesOnAfterInterrupts) {
   ASSERT_NO_FATAL_FAILURE(ListenOn("127.0.0.1", listener, address));
   OwnedSocket client;
   ASSERT_OK(client.Connect(address));
-  const Fault fault(system_calls::kAccept, EINTR, 1, 2);
+  const Fault fault(system_calls::gAccept, EINTR, 1, 2);
   OwnedSocket server;
   ASSERT_OK(listener.Accept(server));
-  EXPECT_EQ(system_calls::CountOf(system_calls::kAccept), 3);
+  EXPECT_EQ(system_calls::gAccept.Calls(), 3);
 }
 
 TEST_F(ZuSocket, ConnectionsAreAcceptedInOrder) {

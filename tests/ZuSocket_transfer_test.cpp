@@ -6,8 +6,7 @@
 #include <thread>
 
 #include "ZuNetwork/ZuFdset.h"
-#include "support/Allocations.h"
-#include "support/CountedCalloc.h"
+#include "support/Heap.h"
 #include "support/SocketObjects.h"
 #include "support/SystemCalls.h"
 
@@ -16,7 +15,6 @@
 namespace {
 
 using system_calls::FakeClock;
-using system_calls::Fault;
 using system_calls::ShortTransfers;
 
 constexpr int kUntouched = 99;
@@ -119,8 +117,8 @@ TEST_P(ZuSocketTransfer, ClosedPeerIsAnErrorToTheSenderAndNoSignal) {
 }
 
 TEST_P(ZuSocketTransfer, NothingToMoveIsNoCall) {
-  system_calls::ResetCount(system_calls::kRecv);
-  system_calls::ResetCount(system_calls::kSend);
+  system_calls::gRecv.ResetCalls();
+  system_calls::gSend.ResetCalls();
   for (const int length : {0, -1}) {
     ASSERT_OK(near.Recv(buffer, length, 0, &count));
     EXPECT_EQ(count, 0);
@@ -133,8 +131,8 @@ TEST_P(ZuSocketTransfer, NothingToMoveIsNoCall) {
     EXPECT_EQ(count, 0);
     EXPECT_EQ(timedOut, 0);
   }
-  EXPECT_EQ(system_calls::CountOf(system_calls::kRecv), 0);
-  EXPECT_EQ(system_calls::CountOf(system_calls::kSend), 0);
+  EXPECT_EQ(system_calls::gRecv.Calls(), 0);
+  EXPECT_EQ(system_calls::gSend.Calls(), 0);
 }
 
 TEST_P(ZuSocketTransfer, PeekLeavesTheBytes) {
@@ -192,12 +190,12 @@ TEST_F(ZuSocketStream, CountIsStoredWhenSendingFails) {
 TEST_F(ZuSocketStream, FailureAfterAPartKeepsTheCount) {
   const ShortTransfers shorter(3);
   {
-    const Fault fault(system_calls::kSend, ENOBUFS, 3);
+    const Fault fault(system_calls::gSend, ENOBUFS, 3);
     EXPECT_FAILS(near.Send("12345678", 8, 0, &count), ErrNoCode(ENOBUFS), "CZuSocket::Send(");
     EXPECT_EQ(count, 6);
   }
   {
-    const Fault fault(system_calls::kSend, ENOBUFS, 2);
+    const Fault fault(system_calls::gSend, ENOBUFS, 2);
     EXPECT_FAILS(near.SendWithTimeOut("78", 8, 5, &timedOut, 0, &count), ErrNoCode(ENOBUFS),
                  "SendWithTimeOut");
     EXPECT_EQ(count, 3);
@@ -205,11 +203,11 @@ TEST_F(ZuSocketStream, FailureAfterAPartKeepsTheCount) {
   }
   timedOut = kUntouched;
   {
-    const Fault fault(system_calls::kRecv, ENOBUFS, 2);
+    const Fault fault(system_calls::gRecv, ENOBUFS, 2);
     EXPECT_FAILS(far.Recv(buffer, 8, 0, &count), ErrNoCode(ENOBUFS), "CZuSocket::Recv(");
     EXPECT_EQ(count, 3);
   }
-  const Fault fault(system_calls::kRecv, ENOBUFS, 2);
+  const Fault fault(system_calls::gRecv, ENOBUFS, 2);
   EXPECT_FAILS(far.RecvWithTimeout(buffer, 8, 5, &timedOut, 0, &count), ErrNoCode(ENOBUFS),
                "RecvWithTimeout");
   EXPECT_EQ(count, 3);
@@ -221,29 +219,29 @@ TEST_F(ZuSocketStream, InterruptsAndShortTransfersGoOn) {
   for (const bool timed : {false, true}) {
     SCOPED_TRACE(timed);
     {
-      const Fault fault(system_calls::kSend, EINTR, 2, 2);
+      const Fault fault(system_calls::gSend, EINTR, 2, 2);
       ASSERT_OK(timed ? near.SendWithTimeOut("ping", 4, 5, &timedOut, 0, &count)
                       : near.Send("ping", 4, 0, &count));
       EXPECT_EQ(count, 4);
-      EXPECT_EQ(system_calls::CountOf(system_calls::kSend), 6);
+      EXPECT_EQ(system_calls::gSend.Calls(), 6);
     }
-    const Fault fault(system_calls::kRecv, EINTR, 2, 2);
+    const Fault fault(system_calls::gRecv, EINTR, 2, 2);
     ASSERT_OK(timed ? far.RecvWithTimeout(buffer, 4, 5, &timedOut, 0, &count)
                     : far.Recv(buffer, 4, 0, &count));
     EXPECT_EQ(count, 4);
     EXPECT_STREQ(buffer, "pingre");
-    EXPECT_EQ(system_calls::CountOf(system_calls::kRecv), 6);
+    EXPECT_EQ(system_calls::gRecv.Calls(), 6);
   }
 }
 
 TEST_F(ZuSocketStream, SendThatMovesNothingIsAShutdown) {
   const ShortTransfers shorter(3);
   {
-    const Fault fault(system_calls::kSend, 0, 2);
+    const Fault fault(system_calls::gSend, 0, 2);
     EXPECT_FAILS(near.Send("12345678", 8, 0, &count), Win32Code(774), kShutdown);
     EXPECT_EQ(count, 3);
   }
-  const Fault fault(system_calls::kSend, 0, 2);
+  const Fault fault(system_calls::gSend, 0, 2);
   EXPECT_FAILS(near.SendWithTimeOut("12345678", 8, 5, &timedOut, 0, &count), Win32Code(774),
                kShutdown);
   EXPECT_EQ(count, 3);
@@ -318,12 +316,12 @@ TEST_F(ZuSocketStream, SentPartIsCountedAtTheTimeOut) {
 }
 
 TEST_F(ZuSocketStream, BlockingSocketMaySendLongerThanTheTimeOut) {
-  const FakeClock clock;
+  FakeClock clock;
   const std::vector<char> bytes(1 << 22);
   const int length = static_cast<int>(bytes.size());
   std::thread reader([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    system_calls::gFakeMilliseconds += 100'000;
+    clock.Pass(100'000);
     std::vector<char> received(bytes.size());
     EXPECT_OK(far.Recv(received.data(), length, 0, nullptr));
   });
@@ -364,7 +362,7 @@ TEST_P(ZuSocketTransfer, NoTimeOutMeansNoWaitBeforeTheCall) {
   for (const int timeout : {0, -1}) {
     SCOPED_TRACE(timeout);
     count = timedOut = kUntouched;
-    system_calls::ResetCount(system_calls::kSelect);
+    system_calls::gSelect.ResetCalls();
     ASSERT_OK(near.SendWithTimeOut("ping", 4, timeout, &timedOut, 0, &count));
     EXPECT_EQ(timedOut, 0);
     EXPECT_EQ(count, 4);
@@ -372,7 +370,7 @@ TEST_P(ZuSocketTransfer, NoTimeOutMeansNoWaitBeforeTheCall) {
     ASSERT_OK(far.RecvWithTimeout(buffer, 4, timeout, &timedOut, 0, &count));
     EXPECT_EQ(timedOut, 0);
     EXPECT_EQ(count, 4);
-    EXPECT_EQ(system_calls::CountOf(system_calls::kSelect), 0);
+    EXPECT_EQ(system_calls::gSelect.Calls(), 0);
   }
 }
 
@@ -412,21 +410,21 @@ TEST_P(ZuSocketTransfer, EmptyObjectIsReportedBeforeAMissingFlag) {
 
 TEST_P(ZuSocketTransfer, FailedWaitIsTheSystemsError) {
   {
-    const Fault fault(system_calls::kSelect, ENOMEM);
+    const Fault fault(system_calls::gSelect, ENOMEM);
     EXPECT_FAILS(far.RecvWithTimeout(buffer, 1, 5, &timedOut, 0, &count), ErrNoCode(ENOMEM),
                  "RecvWithTimeout");
     EXPECT_EQ(count, 0);
     EXPECT_EQ(timedOut, 0);
   }
-  const Fault fault(system_calls::kSelect, ENOMEM);
+  const Fault fault(system_calls::gSelect, ENOMEM);
   EXPECT_FAILS(far.SendWithTimeOut("x", 1, 5, &timedOut, 0, &count), ErrNoCode(ENOMEM),
                "SendWithTimeOut");
 }
 
 TEST_P(ZuSocketTransfer, InterruptedWaitGoesOn) {
-  const Fault fault(system_calls::kSelect, EINTR, 1, 3);
+  const Fault fault(system_calls::gSelect, EINTR, 1, 3);
   ASSERT_OK(near.SendWithTimeOut("ping", 4, 5, &timedOut, 0, &count));
-  EXPECT_EQ(system_calls::CountOf(system_calls::kSelect), 4);
+  EXPECT_EQ(system_calls::gSelect.Calls(), 4);
   EXPECT_EQ(count, 4);
 }
 
@@ -436,7 +434,7 @@ TEST_F(ZuSocketStream, DescriptorThatNoSetHoldsMovesNothingAndDoesNotWait) {
   if (!RaiseDescriptorLimit(9000)) GTEST_SKIP() << "the system's limit is below 9,001 descriptors";
   ASSERT_EQ(dup2(near.GetDescriptor(), 9000), 9000);
   OwnedSocket high(9000);
-  system_calls::ResetCount(system_calls::kSelect);
+  system_calls::gSelect.ResetCalls();
   EXPECT_FAILS(high.RecvWithTimeout(buffer, 1, 5, &timedOut, 0, &count), Win32Code(774), kShutdown);
   EXPECT_EQ(timedOut, 0);
   EXPECT_EQ(count, 0);
@@ -448,7 +446,7 @@ TEST_F(ZuSocketStream, DescriptorThatNoSetHoldsMovesNothingAndDoesNotWait) {
   EXPECT_OK(high.RecvfromICMPSocket(buffer, 1, 5, &timedOut, 0, &count));
   EXPECT_EQ(timedOut, 0);
   EXPECT_EQ(count, 0);
-  EXPECT_EQ(system_calls::CountOf(system_calls::kSelect), 0);
+  EXPECT_EQ(system_calls::gSelect.Calls(), 0);
   EXPECT_OK(high.Send("x", 1, 0, &count)) << "without a time-out any descriptor will do";
 }
 
@@ -469,8 +467,8 @@ TEST_F(ZuSocketStream, DescriptorBelowTheMaximumIsWaitedFor) {
 TEST_P(ZuSocketTransfer, NoHeapMemoryIsNeeded) {
   ASSERT_LT(near.GetDescriptor(), static_cast<int>(KDFDSET_INTERNAL_SOCKETS));
   CZuIPAddr address;
-  const std::size_t news = allocations::gCount;
-  const std::size_t callocs = counted_calloc::Count();
+  const std::size_t news = heap::Calls(heap::kNew);
+  const std::size_t callocs = heap::Calls(heap::kCalloc);
   for (int round = 0; round < 10; ++round) {
     const bool ok = !Failed(near.Send("ping", 4, 0, &count)) &&
                     !Failed(far.Recv(buffer, 4, 0, &count)) &&
@@ -479,8 +477,8 @@ TEST_P(ZuSocketTransfer, NoHeapMemoryIsNeeded) {
                     !Failed(near.GetLocalAddress(address));
     if (!ok) FAIL();
   }
-  EXPECT_EQ(allocations::gCount - news, 0u);
-  EXPECT_EQ(counted_calloc::Count() - callocs, 0u);
+  EXPECT_EQ(heap::Calls(heap::kNew) - news, 0u);
+  EXPECT_EQ(heap::Calls(heap::kCalloc) - callocs, 0u);
 }
 
 TEST_F(ZuSocketStream, HighDescriptorWithoutMemoryMovesNothing) {
@@ -488,12 +486,12 @@ TEST_F(ZuSocketStream, HighDescriptorWithoutMemoryMovesNothing) {
   ASSERT_EQ(dup2(near.GetDescriptor(), 9000), 9000);
   OwnedSocket high(9000);
   ZuFdset::maxsock_set(9001);
-  const std::size_t callocs = counted_calloc::Count();
+  const std::size_t callocs = heap::Calls(heap::kCalloc);
   {
-    const counted_calloc::NoCalloc none;
+    const heap::Failing none(heap::kCalloc);
     EXPECT_FAILS(high.SendWithTimeOut("x", 1, 5, &timedOut, 0, &count), Win32Code(774), kShutdown);
   }
-  EXPECT_GT(counted_calloc::Count(), callocs) << "what counts the memory sees it";
+  EXPECT_GT(heap::Calls(heap::kCalloc), callocs) << "what counts the memory sees it";
   EXPECT_EQ(timedOut, 0);
   ZuFdset::maxsock_set(KDFDSET_INTERNAL_SOCKETS);
 }

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "support/Allocations.h"
+#include "support/Heap.h"
 
 namespace {
 
@@ -83,7 +83,7 @@ TEST(ZuString, StaysWholeWhenItsSourceChanges) {
 }
 
 TEST(ZuString, TextsBelowFiftyCharactersNeedNoHeap) {
-  const std::size_t before = allocations::gCount;
+  const std::size_t before = heap::Calls(heap::kNew);
   {
     for (const std::size_t length : {0u, 1u, 48u, 49u}) {
       char text[50] = {};
@@ -100,13 +100,13 @@ TEST(ZuString, TextsBelowFiftyCharactersNeedNoHeap) {
       EXPECT_TRUE(IsInside(copy)) << length;
     }
   }
-  EXPECT_EQ(allocations::gCount, before);
+  EXPECT_EQ(heap::Calls(heap::kNew), before);
   for (const std::size_t length : {50u, 51u}) {
     const std::string text = Text(length);
-    const std::size_t made = allocations::gCount;
+    const std::size_t made = heap::Calls(heap::kNew);
     const CZuString string(text.c_str());
     EXPECT_FALSE(IsInside(string)) << length;
-    EXPECT_EQ(allocations::gCount, made + 1) << length;
+    EXPECT_EQ(heap::Calls(heap::kNew), made + 1) << length;
   }
 }
 
@@ -138,9 +138,9 @@ TEST(ZuString, ClearEmptiesAndKeepsTheRoom) {
     const char* const buffer = string.c_str();
     string.Clear();
     EXPECT_TRUE(Holds(string, ""));
-    const std::size_t before = allocations::gCount;
+    const std::size_t before = heap::Calls(heap::kNew);
     EXPECT_EQ(string.AllocateBuffer(length), buffer);
-    EXPECT_EQ(allocations::gCount, before) << length;
+    EXPECT_EQ(heap::Calls(heap::kNew), before) << length;
   }
 }
 
@@ -195,7 +195,7 @@ TEST(ZuString, BufferThatCannotBeHadIsNullAndChangesNothing) {
     const char* const buffer = string.c_str();
     for (const std::size_t size : kHuge) EXPECT_EQ(string.AllocateBuffer(size), nullptr) << size;
     {
-      const allocations::Limit none(0);
+      const heap::Failing none(heap::kNew, 1);
       EXPECT_EQ(string.AllocateBuffer(201), nullptr);
     }
     EXPECT_EQ(string.c_str(), buffer);
@@ -211,7 +211,7 @@ TEST(ZuString, FailedAllocationThrowsAndChangesNothing) {
   for (const std::size_t length : {0u, 49u, 50u, 299u}) {
     CZuString string(Text(length).c_str());
     {
-      const allocations::Limit limit(300);  // the text fits, its terminator does not
+      const heap::Failing limit(heap::kNew, 301);  // the text fits, its terminator does not
       EXPECT_THROW(string = longText.c_str(), std::bad_alloc);
       EXPECT_THROW(string = longer, std::bad_alloc);
       EXPECT_THROW(CZuString{longText.c_str()}, std::bad_alloc);
@@ -221,7 +221,7 @@ TEST(ZuString, FailedAllocationThrowsAndChangesNothing) {
   }
   CZuString full(Text(49).c_str());
   {
-    const allocations::Limit none(0);
+    const heap::Failing none(heap::kNew, 1);
     EXPECT_THROW(full.CheckAndAppendLastCharacter('!'), std::bad_alloc);
   }
   EXPECT_TRUE(Holds(full, Text(49)));

@@ -1,49 +1,65 @@
 #pragma once
 
-#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include "ZuUtils/ZuFile.h"
+#include <cerrno>
+#include <optional>
+
 #include "support/SystemFunction.h"
 
-// Replaces close() and what CZuFile offers to those who read a whole file, which fail as they are
-// told. Only for one source file of an executable.
+// Faults of the system below a CZuFile and those who read a whole file by it. Only for one source
+// file of an executable.
+
+enum class FileFault {
+  kNone,
+  kSize,   // of a file that is open: its size cannot be had (ENXIO)
+  kRead,   // reading fails (ENXIO)
+  kEmpty,  // reading finds the end at once
+};
 
 namespace file_faults {
 
-enum class Fault { kNone, kSize, kRead, kEmpty, kNoBuffer };
-
-inline Fault gFault = Fault::kNone;  // Size or ReadWholeFile fail with ENXIO; or what is read
-inline bool gClosingFails = false;   // close() closes, and fails with EIO
-
-inline void Reset() {
-  gFault = Fault::kNone;
-  gClosingFails = false;
-}
-
-inline SystemFunction<CZuError(CZuFile*, unsigned long long&)> gSize{"_ZN7CZuFile4SizeERy"};
-inline SystemFunction<CZuError(const char*, char**, std::size_t&)> gReadWholeFile{
-    "_ZN7CZuFile13ReadWholeFileEPKcPPcRm"};
+inline SystemFunction<int(int, struct stat*)> gStat{"fstat"};
+inline SystemFunction<ssize_t(int, void*, size_t)> gRead{"read"};
 inline SystemFunction<int(int)> gClose{"close"};
+
+inline int CloseAndFail(int descriptor) {
+  gClose.Real(descriptor);
+  errno = EIO;
+  return -1;
+}
 
 }  // namespace file_faults
 
-CZuError CZuFile::Size(unsigned long long& size) {
-  using namespace file_faults;
-  if (gFault == Fault::kSize) return FXErrorUtil::ErrorErrNo(ZU_HERE, ENXIO);
-  return gSize.Real(this, size);
+// While it lives, the fault is there; with `closingFails` close() closes and fails with EIO.
+class FileFaults {
+ public:
+  explicit FileFaults(FileFault fault, bool closingFails = false) {
+    using namespace file_faults;
+    constexpr int kBehindOpen = 2;  // opening asks whether the file is a folder
+    if (fault == FileFault::kSize) m_fault.emplace(gStat, ENXIO, kBehindOpen);
+    if (fault == FileFault::kRead) m_fault.emplace(gRead, ENXIO);
+    if (fault == FileFault::kEmpty) m_fault.emplace(gRead, 0);
+    if (closingFails) m_close.emplace(gClose, CloseAndFail);
+  }
+
+  bool HasHappened() const { return m_fault && m_fault->HasHappened(); }
+
+ private:
+  std::optional<Fault> m_fault;
+  std::optional<Replacement<int(int)>> m_close;
+};
+
+extern "C" {
+
+int fstat(int descriptor, struct stat* status) noexcept {
+  return file_faults::gStat(descriptor, status);
 }
 
-CZuError CZuFile::ReadWholeFile(const char* path, char** content, std::size_t& length) {
-  using namespace file_faults;
-  if (gFault == Fault::kRead) return FXErrorUtil::ErrorErrNo(ZU_HERE, ENXIO);
-  if (gFault == Fault::kEmpty) return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorEmpty);
-  if (gFault == Fault::kNoBuffer) return {};
-  return gReadWholeFile.Real(path, content, length);
+ssize_t read(int descriptor, void* data, size_t size) {
+  return file_faults::gRead(descriptor, data, size);
 }
 
-extern "C" int close(int descriptor) {
-  const int result = file_faults::gClose.Real(descriptor);
-  if (!file_faults::gClosingFails) return result;
-  errno = EIO;
-  return -1;
+int close(int descriptor) { return file_faults::gClose(descriptor); }
 }
