@@ -80,7 +80,8 @@ class ZUNETWORK_API CurlWrapper {
   CURLcode Curl_easy_setopt(void* handle, CURLoption option,
                             int (*value)(CURL*, curl_infotype, char*, size_t, void*));
 
-  // Whether the option takes a zero-terminated string. A libcurl before 7.73 cannot tell: no.
+  // Whether the option takes a zero-terminated string; false too where libcurl, before 7.73, cannot
+  // tell.
   bool IsStringOption(CURLoption option);
 
   // Each appends one form field; `end` is CURLFORM_END.

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
+#include "ZuNetwork/internal/FieldText.h"
 #include "ZuNetwork/internal/KdListing.h"
 #include "ZuUtils/FXString.h"
 #include "ZuUtils/ZuFile.h"
@@ -72,6 +73,7 @@ CZuError KdFTPReq::isOperationSuccess(bool& bIsSucess) {
 CZuError KdFTPReq::setMethodParameter() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   SetOption(CURLOPT_HTTPPROXYTUNNEL, 1);
+  if (SwitchQuery(true)) return {};
   switch (m_OpType) {
     case OP_UPLOAD_FILE:
       SetOption(CURLOPT_UPLOAD, 1);
@@ -83,20 +85,10 @@ CZuError KdFTPReq::setMethodParameter() {
     case OP_GET_FILE_DIR_LIST:
       SetOption(CURLOPT_DIRLISTONLY, 1);
       return {};
-    case OP_GET_FILE_INFO:
-      SetSizeQuery();
-      return {};
-    case OP_CHECK_FILE_DIR_EXIST:
-    case OP_GET_INFO:
-      SetOption(CURLOPT_NOBODY, 1);
-      return {};
-    case OP_NONE:
-    case OP_POST_SIMPLE:
-    case OP_POST_BUFFER_WITH_SIZE:
-    case OP_CUSTOM_OPERATION:
-      break;
+    default:
+      return ErrorInt(ZU_HERE, kErrorNotSupported, "Invalid OpType [%d] for FTP protocol",
+                      m_OpType);
   }
-  return ErrorInt(ZU_HERE, kErrorNotSupported, "Invalid OpType [%d] for FTP protocol", m_OpType);
 }
 
 // The file goes through the read callback of the request, which is cleared after it.
@@ -119,25 +111,13 @@ CZuError KdFTPReq::unsetOpTypeParameter() {
     CurlWrapper::gCurlWrapper.Curl_slist_free_all(m_headerList);
     m_headerList = nullptr;
   }
-  switch (m_OpType) {
-    case OP_UPLOAD_FILE:
-      SetOption(CURLOPT_UPLOAD, 0);
-      SetOption(CURLOPT_INFILESIZE_LARGE, 0LL);
-      m_sourceFile.Close();
-      if (m_KdReadCallbackInstancePtr == &m_sourceFile) setReadCallBack(nullptr, nullptr);
-      break;
-    case OP_GET_FILE_DIR_LIST:
-      SetOption(CURLOPT_DIRLISTONLY, 0);
-      break;
-    case OP_GET_FILE_INFO:
-      UnsetSizeQuery();
-      break;
-    case OP_CHECK_FILE_DIR_EXIST:
-    case OP_GET_INFO:
-      SetOption(CURLOPT_NOBODY, 0);
-      break;
-    default:
-      break;
+  if (SwitchQuery(false)) return {};
+  if (m_OpType == OP_UPLOAD_FILE) {
+    SetOption(CURLOPT_UPLOAD, 0);
+    SetOption(CURLOPT_INFILESIZE_LARGE, 0LL);
+    if (m_KdReadCallbackInstancePtr == &m_sourceFile) setReadCallBack(nullptr, nullptr);
+  } else if (m_OpType == OP_GET_FILE_DIR_LIST) {
+    SetOption(CURLOPT_DIRLISTONLY, 0);
   }
   return {};
 }

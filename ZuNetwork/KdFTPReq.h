@@ -1,7 +1,6 @@
 #pragma once
 
 #include "ZuNetwork/KdProtocolReq.h"
-#include "ZuNetwork/KdTransferIO.h"
 
 namespace KdCURL {
 
@@ -59,7 +58,7 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
   // ErrorInt 1, when the command holds CR, LF or NUL.
   CZuError addQuoteCommand(const std::string& command);
 
-  // How an SSH server is told who asks: CURLSSH_AUTH_* bits.
+  // The ways to log in at an SSH server: CURLSSH_AUTH_* bits.
   CZuError setFTPAuth(int param);
 
   // The longest time to wait for a reply of the server, in seconds.
@@ -82,8 +81,6 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
 
  private:
   CZuError OpenSourceFile(const FXCodeLocation& where);
-
-  FileSource m_sourceFile;
 };
 
 }  // namespace KdCURL

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
+#include "ZuNetwork/internal/FieldText.h"
 #include "ZuNetwork/internal/KdListing.h"
 #include "ZuUtils/FXPath.h"
 #include "ZuUtils/FXString.h"
@@ -34,8 +35,6 @@ size_t EndOfScheme(const std::string& url) {
   const size_t position = url.find(kSchemeEnd);
   return position == std::string::npos ? 0 : position + kSchemeEnd.size();
 }
-
-bool HasZeroByte(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 // A name as it stands between quotes in the header of a form field (RFC 7578, as browsers do it).
 std::string QuotedName(const std::string& name) {
@@ -204,6 +203,7 @@ CZuError KdHTTPReq::getFullWorkingURL(std::string& strURL) {
 
 CZuError KdHTTPReq::setMethodParameter() {
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
+  if (SwitchQuery(true)) return {};
   switch (m_OpType) {
     case OP_UPLOAD_FILE:
       if (m_bIsPut) {
@@ -220,13 +220,6 @@ CZuError KdHTTPReq::setMethodParameter() {
       return {};
     case OP_GET_FILE_DIR_LIST:
       return {};
-    case OP_GET_FILE_INFO:
-      SetSizeQuery();
-      return {};
-    case OP_CHECK_FILE_DIR_EXIST:
-    case OP_GET_INFO:
-      SetOption(CURLOPT_NOBODY, 1);
-      return {};
     case OP_POST_SIMPLE:
       SetOption(CURLOPT_POST, 1);
       SetOption(CURLOPT_POSTFIELDSIZE, static_cast<long>(m_strPostString.size()));
@@ -236,10 +229,9 @@ CZuError KdHTTPReq::setMethodParameter() {
       return SetPostBuffer(ZU_HERE);
     case OP_CUSTOM_OPERATION:
       return SetCustomRequest(ZU_HERE);
-    case OP_NONE:
-      break;
+    default:
+      return ErrorInt(ZU_HERE, kErrorNotSupported, "Invalid OpType [%d]", m_OpType);
   }
-  return ErrorInt(ZU_HERE, kErrorNotSupported, "Invalid OpType [%d]", m_OpType);
 }
 
 CZuError KdHTTPReq::SetPostBuffer(const FXCodeLocation& where) {
@@ -276,6 +268,7 @@ CZuError KdHTTPReq::unsetOpTypeParameter() {
   }
   m_headerList = nullptr;
   m_formInfo.clear();
+  if (SwitchQuery(false)) return {};
   switch (m_OpType) {
     case OP_UPLOAD_FILE:
       if (m_bIsPut) {
@@ -296,13 +289,6 @@ CZuError KdHTTPReq::unsetOpTypeParameter() {
       return {};
     case OP_GET_FILE_DIR_LIST:
       return {};
-    case OP_GET_FILE_INFO:
-      UnsetSizeQuery();
-      return {};
-    case OP_CHECK_FILE_DIR_EXIST:
-    case OP_GET_INFO:
-      SetOption(CURLOPT_NOBODY, 0);
-      return {};
     case OP_POST_SIMPLE:
       SetOption(CURLOPT_POST, 0);
       SetOption(CURLOPT_POSTFIELDS, kNull);
@@ -313,11 +299,10 @@ CZuError KdHTTPReq::unsetOpTypeParameter() {
       SetOption(CURLOPT_POST, 0);
       SetOption(CURLOPT_POSTFIELDSIZE, 0);
       return {};
-    case OP_POST_BUFFER_WITH_SIZE:  // stays set on the handle
-    case OP_NONE:
-      break;
+    default:  // a POST with a size too: its options stay on the handle
+      return ErrorInt(ZU_HERE, kErrorNotSupported, "Invalid OpType [%d] for HTTP protocol",
+                      m_OpType);
   }
-  return ErrorInt(ZU_HERE, kErrorNotSupported, "Invalid OpType [%d] for HTTP protocol", m_OpType);
 }
 
 CZuError KdHTTPReq::collectFilesAndDir(const std::string& fileName,
@@ -358,8 +343,8 @@ CZuError KdHTTPReq::collectFilesAndDir(const std::string& fileName,
   }
   if (Failed(error)) return error;
   error = file.Close();
-  if (Failed(error)) error.Push(ZU_HERE);
-  return error;
+  if (Failed(error)) return error.Push(ZU_HERE);
+  return {};
 }
 
 }  // namespace KdCURL

@@ -72,7 +72,8 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
   // Asks for the path as a directory; 404 means that it is a file.
   CZuError IsFile(const std::string& sourcePath, bool& isFile) override;
 
-  // How the server is told who asks: CURLAUTH_* bits.
+  // The ways to log in at the server: CURLAUTH_* bits, of which libcurl takes the safest that the
+  // server offers.
   CZuError setHTTPAuth(long param);
 
   // Queues a form field for the next upload; the queue is emptied after every request. Quotes, CR

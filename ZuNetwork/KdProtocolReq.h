@@ -144,10 +144,11 @@ class ZUNETWORK_API KdProtocolReq {
   static void initializeCurlLibrary();
   static void deinitializeCurlLibrary();  // nothing is left to be done
 
-  // Gets the handle and its defaults: redirects are followed and keep a POST, peer and host are
-  // verified against ./curl-ca-bundle.crt, no time limit is set. Called once. Fails with
-  // ErrorKdCURL(-1, "Failed to get CURL handle") when libcurl cannot be loaded and with "Failed to
-  // set option [%d]" when it refuses a default.
+  // Gets a handle of libcurl and sets the defaults of requests: redirects are followed, and a POST
+  // stays a POST then; the server's certificate and name are verified against ./curl-ca-bundle.crt;
+  // there is no time limit. To be called once. Fails with ErrorKdCURL(-1, "Failed to get CURL
+  // handle") when libcurl cannot be loaded, followed by the reason and what to install, and with
+  // "Failed to set option [%d]" when libcurl refuses a default.
   CZuError initialize();
 
   // What initialize() sets, set again; an initialised object also gets a time limit of 18 minutes.
@@ -159,14 +160,17 @@ class ZUNETWORK_API KdProtocolReq {
   // Verifies the server's certificate and name against the bundle of CAs, or not at all.
   CZuError setSecured(bool isSecured, const std::string& caBundlePath);
 
-  // The TLS versions allowed with server and proxy: a CURL_SSLVERSION_* value, also a maximum.
+  // The TLS versions allowed with server and proxy: a CURL_SSLVERSION_* value, which may be ORed
+  // with a CURL_SSLVERSION_MAX_* value.
   CZuError setMaxSSLVersion(int version);
 
-  // TCP keep-alive probes after `keepIdleSec` seconds, every `keepItnvlSec` seconds. A refusal
-  // carries the code of the last request, not its own.
+  // Lets the system probe a connection that was idle for `keepIdleSec` seconds, every
+  // `keepItnvlSec` seconds. The error of an option that libcurl refuses carries the libcurl code of
+  // the request before, not the one of the refusal.
   CZuError setKeepAlive(bool keepAlive, long keepIdleSec, long keepItnvlSec);
 
-  // An HTTP proxy. Port and user may be empty; their colon is sent all the same.
+  // An HTTP proxy. Where the port is empty libcurl is given "server:", which means its default,
+  // 1080; where user and password are, ":".
   CZuError setProxyDetails(const std::string& proxyServer, const std::string& proxyUserName,
                            const std::string& proxyPassword, const std::string& proxyPort);
 
@@ -176,34 +180,39 @@ class ZUNETWORK_API KdProtocolReq {
   // No proxy, not even that of the environment.
   CZuError DisableProxy();
 
-  // How the proxy is told who asks: CURLAUTH_* bits.
+  // The ways to log in at the proxy: CURLAUTH_* bits, of which libcurl takes the safest that the
+  // proxy offers.
   CZuError setProyAuth(long nAuthType);
 
-  // The longest time for a whole request, and for connecting, in seconds. 0: no limit, and
-  // libcurl's 300 seconds.
+  // The longest time for a whole request, in seconds (0: no limit), and for connecting (0: the 300
+  // seconds that libcurl waits by itself).
   CZuError SetTimeOut(long secs);
   CZuError SetConnectionTimeOut(long secs);
 
+  // The login at the server.
   CZuError setCredentials(const std::string& URLUserName, const std::string& URLPassword);
 
   // Takes libcurl's trace. Null arguments: ErrorInt 1, "Input is invalid".
   CZuError setTraceCallBack(void* instancePtr, TRACE_FUN_POINTER traceFunPtr);
 
-  // What most programs need sooner or later. It is off until asked for.
+  // The following is off until a program asks for it.
 
-  // Told the bytes to come, come, to go and gone, several times a second; totals are 0 while they
-  // are unknown. A non-zero answer cancels the request: libcurl's code 42, "Callback aborted".
-  // Stays for all requests; a null function takes it away.
+  // Calls the function several times a second with four numbers of bytes: to receive in all,
+  // received so far, to send in all, sent so far; a total is 0 while it is unknown. A result other
+  // than 0 cancels the request, which then fails with libcurl's code 42, "Callback aborted". The
+  // function stays for all requests; a null one takes it away.
   CZuError setProgressCallBack(void* instancePtr, PROGRESS_FUN_POINTER progressFunPtr);
 
   // The limits of SetTimeOut() and SetConnectionTimeOut() in milliseconds.
   CZuError SetTimeOutMS(long milliseconds);
   CZuError SetConnectionTimeOutMS(long milliseconds);
 
-  // Gives up (libcurl's code 28) when less than `bytesPerSec` come on average for `secs` seconds.
+  // A request that transfers less than `bytesPerSec`, on average over `secs` seconds, fails with
+  // libcurl's code 28.
   CZuError setMinimumSpeed(long bytesPerSec, long secs);
 
-  // No signals for time-outs, as programs with several threads want it.
+  // Whether libcurl does without signals for its time limits. Programs with several threads need
+  // it: a signal may interrupt any of them.
   CZuError setNoSignal(bool noSignal);
 
   // Any option of libcurl by its number. A text is sent as it is: one for a header or command
@@ -216,15 +225,16 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError setOption(int option, long long value) { return setOption(option, long{value}); }
   CZuError setOption(int option, const std::string& value);
 
-  // Starts the next transfer at this byte of the file: a download of what is missing, an upload
-  // (FTP, SFTP) that appends. A read callback of the caller's begins there. A server that cannot is
-  // libcurl's code 33, or 36 for FTP.
+  // Lets the next transfer begin at this byte of the file: a download gets what is missing, an
+  // upload (FTP, SFTP) appends, and putFile() over HTTP sends the rest with a Content-Range. A read
+  // callback of the caller's is to begin with that byte. Fails with libcurl's code 33, or 36 for
+  // FTP, when the server cannot do it.
   void setResumeOffset(std::int64_t offset) { m_lResumeOffset = offset; }
 
   // Whether collectFilesAndDir() takes listings as today's servers write them; see there.
   void setLenientListing(bool isLenient) { m_bLenientListing = isLenient; }
 
-  // ErrorKdCURL when libcurl does not tell; `times` is then unchanged.
+  // How the last transfer went. ErrorKdCURL when libcurl does not tell; `times` is then unchanged.
   CZuError getTransferTimes(TransferTimes& times);
 
   // The request's parts: server (with or without scheme), port as text, path, and kind.
@@ -233,8 +243,9 @@ class ZUNETWORK_API KdProtocolReq {
   void setURLPath(const std::string& urlPath) { m_strURLPath = urlPath; }
   void setOperationType(operationType opType) { m_OpType = opType; }
 
-  // Who takes the body, who gives it, who takes the headers of the next request. A callback counts
-  // only together with a non-null instance, which is handed to it as its last argument.
+  // The functions that receive the body of the next answer, give the body of the next request, and
+  // receive the headers of the next answer. Each is called with its instance as the last argument,
+  // and counts only when that is not null.
   void setWriteCallBack(void* instancePtr, WRITE_FUN_POINTER writeFunPtr);
   void setReadCallBack(void* instancePtr, READ_FUN_POINTER readFunPtr);
   void setHeaderWriteCallBack(void* instancePtr, WRITE_FUN_POINTER headerWriteFunPtr);
@@ -242,6 +253,11 @@ class ZUNETWORK_API KdProtocolReq {
   // The operations. `urlPath` is the path on the server or a whole URL below it. The buffers are
   // the caller's and need to live until the call returns; sizes are in bytes. Of two pairs with the
   // same field the later one counts.
+  //
+  // Over HTTP a POST and the upload of a form leave their method behind: a listing
+  // (getFilesAndDirsInfoInFile) that is requested directly after them goes out as a POST. Its body
+  // is, after a POST with a size, that of this POST, of which the object keeps a copy; else it is
+  // empty. A download goes out as a GET, and so does what follows it.
 
   // Gets `srcUrl`; its body goes to the write callback.
   CZuError download(const char* srcUrl, const std::vector<commandInfo>& vCommandInfo);
@@ -258,13 +274,11 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError putFile(const std::string& sourceFilePath, const std::string& urlPath,
                    const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs a text. The handle stays set to POST, with an empty body: a listing that follows goes out
-  // as a POST, a download does not.
+  // POSTs a text.
   CZuError doPostOperation(const char* urlPath, const char* postString,
                            const std::vector<commandInfo>& vCommandInfo);
 
-  // POSTs `size` bytes; a null body goes with size 0. The same, but for the handle keeping a copy
-  // of the body, which goes out with that listing.
+  // POSTs `size` bytes; with size 0 the body may be null.
   CZuError doPostOperation(const char* urlPath, const char* postString, long size,
                            const std::vector<commandInfo>& vCommandInfo);
 
@@ -282,7 +296,8 @@ class ZUNETWORK_API KdProtocolReq {
   // an absent file or a present directory.
   CZuError checkIfFileOrDirExists(const std::string& srcPath, bool isFile, bool& isExist);
 
-  // Asks the server and tells about the connection.
+  // Asks the server for the path that is set, without its body, and tells the address or the URL
+  // that answered.
   CZuError getInfo(CurlInfoType infoType, std::string& out);
 
   // Requests the listing of a directory; it goes to the write callback, to be kept in a file for
@@ -293,11 +308,13 @@ class ZUNETWORK_API KdProtocolReq {
   // any answer, an error included, gives false.
   bool checkConnection();
 
-  // Adds headers to the next request; a name that is there gets the new value.
+  // Adds headers (HTTP) or commands (FTP) to the next request; one of the same name is replaced.
   void setCommandInfo(const std::vector<commandInfo>& vCommandInfo);
   void addRequestedHeaders(const std::string& headerName, const std::string& headerValue);
 
-  // The steps of an operation; SendReqest() runs them all.
+  // The steps of an operation; SendReqest() runs them all. PrepareForRequest() sets URL, method,
+  // headers, callbacks and the caller's options on the handle; Execute() transfers, reads the
+  // response code and judges it; unSetMethodParameter() takes callbacks, headers and method back.
   CZuError PrepareForRequest();
   CZuError Execute();
   CZuError unSetMethodParameter();
@@ -315,7 +332,7 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError URLEncode(const std::string& strInput, std::string& outString);
   CZuError URLDecode(const std::string& strInput, std::string& outString);
 
-  // Swallows what it gets; with its first argument cast, a libcurl write callback.
+  // Takes everything and keeps nothing: the header callback of queries.
   static size_t getContentSize(void* ptr, size_t size, size_t nmemb, void* data);
 
  protected:
@@ -333,9 +350,6 @@ class ZUNETWORK_API KdProtocolReq {
 
   // The path up to its first zero byte, ending in a slash.
   static std::string AppendForwardSlash(const std::string& path);
-
-  // Whether the text would end the line that it is sent in, or be cut short.
-  static bool HasLineBreak(const std::string& text);
 
   // Sets the options in order, keeps libcurl's result and stops at the first refusal.
   CZuError SetOptions(const FXCodeLocation& where, std::initializer_list<Option> options);
@@ -356,9 +370,10 @@ class ZUNETWORK_API KdProtocolReq {
     return CurlWrapper::gCurlWrapper.Curl_easy_setopt(Handle(), option, value);
   }
 
-  // A request for the size alone, whose headers are swallowed; and back.
-  void SetSizeQuery();
-  void UnsetSizeQuery();
+  // Sets, or takes back, what the operations need that ask without a body: of the size, whose
+  // headers are swallowed, of existence or of the connection. False when the operation is none of
+  // these.
+  bool SwitchQuery(bool isOn);
 
   // Null before initialize() and when libcurl could not be loaded; libcurl refuses it.
   CURL* Handle() const { return m_curlContext == nullptr ? nullptr : m_curlContext->m_curl; }
@@ -390,6 +405,7 @@ class ZUNETWORK_API KdProtocolReq {
 
   bool m_bLenientListing = false;
   std::int64_t m_lResumeOffset = 0;  // of the next transfer
+  FileSource m_sourceFile;           // what an upload reads by itself; closed after each request
   bool m_bIsPut = false;             // the upload that runs is that of putFile()
   // What of the next request has a line break or zero byte where none may be; null: nothing.
   const char* m_refusedField = nullptr;
@@ -418,9 +434,10 @@ class ZUNETWORK_API KdProtocolReq {
   CZuError KeepOption(const FXCodeLocation& where, CallersOption option);
   CZuError SetCallersOption(const CallersOption& option);
   CZuError SendOperation(const FXCodeLocation& where);
-  CZuError SendCustomOperation(const FXCodeLocation& where, const char* method, const char* urlPath,
-                               const char* body, long size,
-                               const std::vector<commandInfo>& vCommandInfo);
+
+  // Sends a body with a size: with POST when `method` is null.
+  CZuError SendBody(const FXCodeLocation& where, const char* method, const char* urlPath,
+                    const char* body, long size, const std::vector<commandInfo>& vCommandInfo);
   void SetCallBack(CURLoption dataOption, CURLoption functionOption, void* instance,
                    curl_write_callback function);
   void SetCallBacks();
@@ -429,7 +446,6 @@ class ZUNETWORK_API KdProtocolReq {
   std::list<Connection> m_connections;        // one for each initialize()
   std::string m_strWorkingURL;                // of the last request, as far as it was composed
   const char* m_refusedProxyField = nullptr;  // as m_refusedField, of all requests
-  FileSource m_putSource;
   bool m_bWriteDataUnset = false;
   std::vector<CallersOption> m_callersOptions;
 };
