@@ -8,7 +8,7 @@
 
 #include "ZuNetwork/CurlWrapper.h"
 #include "ZuNetwork/internal/Lookup.h"
-#include "ZuNetwork/internal/OpenFile.h"
+#include "ZuUtils/internal/OpenFile.h"
 
 namespace {
 

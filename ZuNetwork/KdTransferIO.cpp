@@ -11,7 +11,7 @@
 #include <climits>
 #include <cstring>
 
-#include "ZuNetwork/internal/OpenFile.h"
+#include "ZuUtils/internal/OpenFile.h"
 
 namespace KdCURL {
 

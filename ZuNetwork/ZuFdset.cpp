@@ -4,19 +4,17 @@
 #include <cstdint>
 #include <cstring>
 
-namespace {
+#include "ZuNetwork/internal/FdsetResults.h"
 
-// What the plain functions return when the set has no room for a descriptor, or no storage.
-constexpr int kNoRoom = -1;
-constexpr int kNoStorage = -2;
-
-}  // namespace
+using ZuInternal::kNoRoom;
+using ZuInternal::kNoStorage;
 
 void ZuFdset::maxsock_set(int n) { kdfdset_maxsock_set(n); }
 
 int ZuFdset::maxsock_get() { return kdfdset_maxsock_get(); }
 
-// The record is left as it is until it is needed: clearing it would be half the cost of a set.
+// The record is not cleared here: that is half of what making a set costs, and kdfdset_alloc clears
+// it before the first use.
 ZuFdset::ZuFdset() = default;
 
 ZuFdset::ZuFdset(const ZuFdset& other) { CopyFrom(other); }
@@ -119,8 +117,8 @@ bool ZuFdset::reserve(KDSOCKET fd) {
   if (fdset.set != nullptr && wanted < fdset.sock_cnt) return true;
   const bool grown = fdset.set != nullptr && fdset.set != fdset.__pvt_buff;
   if (grown && wanted < fdset.max_sock_cnt) {
-    // A copy from a smaller set took the capacity back, while the heap block stays as large as it
-    // was made, for the maximum, with the bits that were there.
+    // Assigning a smaller set left a smaller capacity, while the heap block keeps its size, which
+    // is that of the maximum, and the bits of before behind the new capacity.
     const unsigned used = fdset_sz_bytes(static_cast<int>(fdset.sock_cnt));
     const unsigned whole = fdset_sz_bytes(static_cast<int>(fdset.max_sock_cnt));
     std::memset(reinterpret_cast<char*>(fdset.set) + used, 0, whole - used);

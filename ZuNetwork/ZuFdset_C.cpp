@@ -5,11 +5,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ZuNetwork/internal/FdsetResults.h"
+
+using ZuInternal::kNoRoom;
+using ZuInternal::kNoStorage;
+
 namespace {
 
 constexpr std::uint32_t kWordBits = 64;
-constexpr int kNoRoom = -1;
-constexpr int kNoStorage = -2;
 
 std::atomic<int> __max_sock_count{KDFDSET_INTERNAL_SOCKETS};
 

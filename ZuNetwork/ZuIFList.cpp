@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "ZuNetwork/ZuIPAddr.h"
+#include "ZuNetwork/internal/Closers.h"
 #include "ZuUtils/FXString.h"
 
 namespace {
@@ -45,14 +46,6 @@ class ControlSocket {
 
  private:
   int m_descriptor = -1;
-};
-
-struct FreeMemory {
-  void operator()(char* memory) const { std::free(memory); }
-};
-
-struct CloseFile {
-  void operator()(FILE* file) const { std::fclose(file); }
 };
 
 // The interface records as the kernel wrote them.
@@ -92,14 +85,14 @@ class Table {
  private:
   static constexpr long kFirstSize = 1024;
 
-  std::unique_ptr<char, FreeMemory> m_records;
+  std::unique_ptr<char, ZuInternal::FreeMemory> m_records;
   int m_count = 0;
 };
 
 bool IsFullOfRecords(int length, int size) { return length / kRecordSize == size / kRecordSize; }
 
-// Never so with whole records, so that those behind the first 25 are not seen: MAC lists have
-// always ended there.
+// The kernel returns whole records of 40 bytes, which never fill the 1,024 bytes offered first to
+// the byte: a MAC list therefore ends after 25 addresses. Programs have relied on that length.
 bool IsFullToTheByte(int length, int size) { return length == size; }
 
 ifreq RequestFor(const ifreq& record) {
@@ -123,7 +116,8 @@ AddressPair V4Pair(const ControlSocket& control, const ifreq& record) {
   if (control.Ask(SIOCGIFNETMASK, &request)) {
     network.sin_addr.s_addr &= V4Address(request.ifr_netmask).sin_addr.s_addr;
   } else {
-    network.sin_addr.s_addr &= 0xFFFFFF00u;  // a word in host order: clears the first byte
+    network.sin_addr.s_addr &=
+        0xFFFFFF00u;  // in memory order, so that the first number of a.b.c.d becomes 0
   }
   return {address, network};
 }
@@ -174,7 +168,7 @@ AddressPair V6Pair(const in6_addr& address) {
 }
 
 CZuError AppendV6Pairs(const FXCodeLocation& where, std::vector<AddressPair>& list) {
-  const std::unique_ptr<FILE, CloseFile> file(std::fopen(kIPv6Table, "r"));
+  const std::unique_ptr<FILE, ZuInternal::CloseFile> file(std::fopen(kIPv6Table, "r"));
   if (!file) return {};
   char line[128];
   while (std::fgets(line, sizeof line, file.get()) != nullptr) {

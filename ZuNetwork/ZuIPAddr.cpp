@@ -45,7 +45,8 @@ CZuError Collision(const FXCodeLocation& where, const char* name) {
   return error.Push(where, "[%s]", name);
 }
 
-// The flag is a plain bool to its readers, while threads that find it set read the address too.
+// The flag is a plain bool in the interface, but threads that find it set go on to read the
+// address: it is read and written as an atomic.
 bool IsCollisionKnown() { return __atomic_load_n(&CZuIPAddr::m_DummyIpInit, __ATOMIC_ACQUIRE); }
 
 bool IsCollision(const CZuIPAddr& address) {
@@ -75,14 +76,15 @@ void SortUnique(std::vector<std::string>& texts) {
 
 }  // namespace
 
-// Both hold their first values before any constructor of any library runs, so that values which are
-// made early find the collision address, or make it, and nothing clears it again behind them.
+// Both are initialised by constants, before any constructor runs. A program's own static addresses
+// may be constructed before those of this file: they set the collision address up, and no
+// constructor of this file then clears it again.
 CZuIPAddr CZuIPAddr::m_DummyIp{ConstantInitialized{}};
 bool CZuIPAddr::m_DummyIpInit = false;
 
 namespace {
 
-const CZuIPAddr gFirst;  // makes the collision address when the library is loaded
+const CZuIPAddr gFirst;  // its constructor sets the collision address up when the library is loaded
 
 }  // namespace
 
@@ -188,7 +190,7 @@ CZuError CZuIPAddr::ConvertCIDRPrefixToSubnetMaskString(int prefix, CZuString& s
   CZuIPAddr mask;
   CZuError error = mask.SetSubnetMaskFromCIDRPrefix(prefix);
   if (Failed(error)) return error.Push(ZU_HERE);
-  (void)mask.GetAddressString(subnetMask);  // no text says that there is no mask
+  (void)mask.GetAddressString(subnetMask);  // the text is empty where there is no mask
   return {};
 }
 
@@ -206,7 +208,7 @@ CZuError CZuIPAddr::CheckIfIpv4AddressIsWithinCidrBlock(const std::string& ipAdd
   CZuError error = mask.SetSubnetMaskFromCIDRPrefix(ToInt(cidrBlock.c_str() + slash + 1));
   if (!Failed(error)) error = network.SetAddressString(cidrBlock.substr(0, slash).c_str());
   if (Failed(error)) return error.Push(ZU_HERE);
-  (void)tested.SetAddressString(ipAddress.c_str());  // no address is the cleared address
+  (void)tested.SetAddressString(ipAddress.c_str());  // what is no address is tested as 0.0.0.0
   ipAddressWithinBlock = ((V4Word(tested) ^ V4Word(network)) & V4Word(mask)) == 0;
   return {};
 }
@@ -233,7 +235,8 @@ CZuError CZuIPAddr::GetAllByName(const char* szHostName, std::vector<CZuIPAddr>&
   if (result != 0) return NotFound(ZU_HERE, result, szHostName);
   for (const addrinfo* entry = list.get(); entry != nullptr; entry = entry->ai_next) {
     if (!ZuInternal::IsUsable(*entry)) continue;
-    CZuIPAddr address(ZUNET_SockAddr{});  // not the default, which makes the collision address
+    // Not default-constructed: that may look the collision address up, in the middle of a look-up.
+    CZuIPAddr address(ZUNET_SockAddr{});
     ZuInternal::CopyAddress(*entry, address.m_Addr);
     if (IsCollision(address)) return Collision(ZU_HERE, szHostName);
     ObjList.push_back(address);
@@ -305,7 +308,7 @@ CZuError CZuIPAddr::GetAllInterfaces(GetAllInterfacesArgs_t& args, GetAllInterfa
   CZuIPAddr loopbackV6;
   ZUNET_str2ip("127.0.0.1", &loopbackV4.m_Addr);
   ZUNET_str2ip("::1", &loopbackV6.m_Addr);
-  (void)GetIFList(ret.ipListsa, preferred_ip_family);  // what there is serves
+  (void)GetIFList(ret.ipListsa, preferred_ip_family);  // a failure means fewer addresses, no more
   for (const CZuIPAddr& address : ret.ipListsa) {
     if (address == loopbackV4 || address == loopbackV6) continue;
     char text[128];

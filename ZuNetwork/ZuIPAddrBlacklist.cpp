@@ -11,16 +11,15 @@
 #include <memory>
 #include <random>
 
+#include "ZuNetwork/internal/Closers.h"
+
 namespace {
 
 constexpr std::size_t kLineSize = 1024;
 
-struct CloseFile {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-
-// Chances: a key that nobody outside knows, so that nobody can choose addresses that meet in the
-// index. Where the system gives none, time, place and process are the best there is.
+// A key that nobody outside knows, so that nobody can choose addresses that all come to the same
+// places of the index and make every look-up slow. Where the system gives no random bytes, the key
+// is made of the time, the process and where the object lies in memory.
 std::array<std::uint64_t, 3> DrawKey(const void* owner) {
   std::array<std::uint64_t, 3> key{};
   if (getrandom(key.data(), sizeof key, GRND_NONBLOCK) == sizeof key) return key;
@@ -154,7 +153,7 @@ CZuError CZuIPAddrBlacklist::Load(const FXCodeLocation& where, const char* fileN
   if (fileName == nullptr) {
     return FXErrorUtil::ErrorWin32(where, kErrorInvalidArgument, "Null parameter passed");
   }
-  const std::unique_ptr<FILE, CloseFile> file(std::fopen(fileName, "rt"));
+  const std::unique_ptr<FILE, ZuInternal::CloseFile> file(std::fopen(fileName, "rt"));
   if (!file) {
     return FXErrorUtil::ErrorWin32(where, static_cast<unsigned>(errno),
                                    "Failed to open file, FileName=%s", fileName);

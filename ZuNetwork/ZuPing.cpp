@@ -41,19 +41,17 @@ constexpr unsigned char kFill = 0xA5;
 constexpr char kNoBuffers[] = "Ping buffers are not prepared";
 constexpr char kNoIpV6[] = "IPV6 is not supported currently";
 
-// Milliseconds since 1970, none for no time. Whole seconds and the rest are scaled apart, the rest
-// to tenths of a microsecond.
+// Milliseconds since 1970; 0 for a stamp that was never set.
 double Milliseconds(CTimeStamp time) {
-  constexpr std::int64_t kUnixEpochTicks = 116'444'736'000'000'000;
-  constexpr std::int64_t kTicksPerSecond = 10'000'000;
   const std::int64_t ticks = time.GetTicks();
   if (ticks == 0) return 0.0;
-  const std::int64_t seconds = (ticks - kUnixEpochTicks) / kTicksPerSecond;
-  const auto rest = static_cast<double>(ticks % kTicksPerSecond);
+  const std::int64_t seconds = (ticks - CTimeStamp::kUnixEpochTicks) / CTimeStamp::kTicksPerSecond;
+  const auto rest = static_cast<double>(ticks % CTimeStamp::kTicksPerSecond);
   return static_cast<double>(seconds) * 1000.0 + rest * 100.0 / 1'000'000.0;
 }
 
-// A time that ends before it starts wraps around.
+// Where `end` comes before `start` (a request that was not sent in time has none at all), the
+// negative difference becomes a number near 2^64, as the callback has always been told it.
 std::uint64_t Elapsed(CTimeStamp start, CTimeStamp end) {
   return static_cast<std::uint64_t>(
       static_cast<std::int64_t>(Milliseconds(end) - Milliseconds(start)));
@@ -285,7 +283,8 @@ CZuError CZuPing::ping(const char* server, unsigned bufferSize, unsigned bufferC
   return {};
 }
 
-// Fills the response; what neither this reply nor its loss sets stays as the one before left it.
+// Fills the response. The size and time to live of the last success stay in it where this request
+// has none.
 CZuError CZuPing::SendOne(const FXCodeLocation& where, ZuPingResponse& response,
                           ZuPingResult& result) {
   CTimeStamp sendTime;
@@ -367,7 +366,8 @@ CZuError CZuPing::prepareBuffer() {
                                         "Ping recv-buffer allocation failed");
     }
   }
-  // Not before both are there: filling takes memory that allocating alone does not.
+  // Only once both are there: the system hands out memory when it is written, and a huge size is
+  // to fail without that.
   if (isNew) std::memset(m_pPingSendBuffer.get(), kFill, m_sendPacketSize);
   if (m_ownRepliesOnly) {
     MakeUnique(m_pPingSendBuffer.get() + kSendOverhead, m_sendPacketSize - kSendOverhead, this);
@@ -402,8 +402,8 @@ CZuError CZuPing::sendPingRequest(unsigned sequence, bool& timedOut, CTimeStamp&
                                                AsInt(m_timeout), &isTimedOut, 0, &sent);
   timedOut = isTimedOut == 1;
   if (timedOut) return {};  // a lost request, not a failure
-  if (Failed(error)) error.Push(ZU_HERE, "Sending ping request failed");
-  return error;
+  if (Failed(error)) return error.Push(ZU_HERE, "Sending ping request failed");
+  return {};
 }
 
 CZuError CZuPing::recvAndProcessPingResponse(ZuPingResponse& response, ZuPingResult& result,

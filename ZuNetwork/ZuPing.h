@@ -55,7 +55,7 @@ enum ZUPING_RESULT : int {
 };
 
 // One request and its reply. `sizeSent` (bytes of data) and `ttl` are those of the last successful
-// reply. The time is in milliseconds; a request that was not sent in time has none to be relied on.
+// reply. The time is in milliseconds; of a request that was not sent in time it means nothing.
 struct ZuPingResponse {
   std::string serverName;
   std::string serverIP;

@@ -50,6 +50,19 @@ CZuError StreamResult(const FXCodeLocation& where, int err, int count, int len) 
   return Result(where, err);
 }
 
+// Without a time-out nobody needs to be told of one.
+CZuError CheckDatagram(const FXCodeLocation& where, const CZuSocketDescriptor& socket, int timeout,
+                       const int* pnTimedOut) {
+  if (socket.m_socket == -1) return InvalidState(where, kNotValid);
+  if (timeout == 0 || pnTimedOut != nullptr) return {};
+  return FXErrorUtil::ErrorWin32(where, kErrorInvalidArgument, kNoTimedOut);
+}
+
+// For outputs that may be null.
+void Store(int value, int* output) {
+  if (output != nullptr) *output = value;
+}
+
 int FamilyOf(const CZuIPAddr& addr) { return addr.m_Addr.addr.f.family; }
 
 // Makes a stream socket unless one is held. Returns 0 or an errno value.
@@ -241,7 +254,7 @@ CZuError CZuSocket::GetPeerAddress(CZuIPAddr& addr) const {
 CZuString CZuSocket::GetLocalAddressString() const {
   CZuString text;
   CZuIPAddr address;
-  // An empty text is the report of both.
+  // A failure of either leaves the text empty.
   if (!Failed(GetLocalAddress(address))) (void)address.GetAddressString(text);
   return text;
 }
@@ -249,7 +262,7 @@ CZuString CZuSocket::GetLocalAddressString() const {
 CZuString CZuSocket::GetPeerAddressString() const {
   CZuString text;
   CZuIPAddr address;
-  // An empty text is the report of both.
+  // A failure of either leaves the text empty.
   if (!Failed(GetPeerAddress(address))) (void)address.GetAddressString(text);
   return text;
 }
@@ -300,7 +313,7 @@ CZuError CZuSocket::Recv(void* buf, int len, int flags, int* received) const {
   if (m_Socket.m_socket == -1) return InvalidState(ZU_HERE, kNotValid);
   int count = 0;
   const int err = ZUNET_recv(m_Socket.m_socket, buf, len, &count, flags);
-  if (received != nullptr) *received = count;
+  Store(count, received);
   return StreamResult(ZU_HERE, err, count, len);
 }
 
@@ -308,7 +321,7 @@ CZuError CZuSocket::Send(const void* buf, int len, int flags, int* sent) const {
   if (m_Socket.m_socket == -1) return InvalidState(ZU_HERE, kNotValid);
   int count = 0;
   const int err = ZUNET_send(m_Socket.m_socket, buf, len, &count, flags);
-  if (sent != nullptr) *sent = count;
+  Store(count, sent);
   return StreamResult(ZU_HERE, err, count, len);
 }
 
@@ -321,7 +334,7 @@ CZuError CZuSocket::RecvWithTimeout(void* buf, int len, int timeout, int* pnTime
   int count = 0;
   const int err =
       ZUNET_recvwithtimeout(m_Socket.m_socket, buf, len, &count, timeout, pnTimedOut, flags);
-  if (received != nullptr) *received = count;
+  Store(count, received);
   if (err == 0 && *pnTimedOut == 1) return InvalidState(ZU_HERE, kReceiveTimedOut);
   return StreamResult(ZU_HERE, err, count, len);
 }
@@ -335,39 +348,35 @@ CZuError CZuSocket::SendWithTimeOut(const void* buf, int len, int timeout, int* 
   int count = 0;
   const int err =
       ZUNET_sendwithtimeout(m_Socket.m_socket, buf, len, &count, timeout, pnTimedOut, flags);
-  if (sent != nullptr) *sent = count;
+  Store(count, sent);
   if (err == 0 && *pnTimedOut == 1) return InvalidState(ZU_HERE, kSendTimedOut);
   return StreamResult(ZU_HERE, err, count, len);
 }
 
 CZuError CZuSocket::SendtoICMPSocket(const void* buf, int len, int timeout, int* pnTimedOut,
                                      int flags, int* sent) {
-  if (m_Socket.m_socket == -1) return InvalidState(ZU_HERE, kNotValid);
-  if (timeout != 0 && pnTimedOut == nullptr) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, kNoTimedOut);
-  }
+  CZuError error = CheckDatagram(ZU_HERE, m_Socket, timeout, pnTimedOut);
+  if (Failed(error)) return error;
   int count = 0;
   int timedOut = 0;
   const int err = ZUNET_sendtoicmpsocket(m_Socket.m_socket, &m_IPAddr.m_Addr, buf, len, &count,
                                          flags, timeout, &timedOut);
-  if (sent != nullptr) *sent = count;
-  if (pnTimedOut != nullptr) *pnTimedOut = timedOut;
+  Store(count, sent);
+  Store(timedOut, pnTimedOut);
   if (timedOut == 1) return InvalidState(ZU_HERE, kSendTimedOut);
   return IcmpResult(ZU_HERE, err, m_IPAddr);
 }
 
 CZuError CZuSocket::RecvfromICMPSocket(const void* buf, int len, int timeout, int* pnTimedOut,
                                        int flags, int* received) {
-  if (m_Socket.m_socket == -1) return InvalidState(ZU_HERE, kNotValid);
-  if (timeout != 0 && pnTimedOut == nullptr) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, kNoTimedOut);
-  }
+  CZuError error = CheckDatagram(ZU_HERE, m_Socket, timeout, pnTimedOut);
+  if (Failed(error)) return error;
   int count = 0;
   int timedOut = 0;
   const int err = ZUNET_recvfromicmpsocket(m_Socket.m_socket, &m_IPAddr.m_Addr, buf, len, &count,
                                            flags, timeout, &timedOut);
-  if (received != nullptr) *received = count;
-  if (pnTimedOut != nullptr) *pnTimedOut = timedOut;
+  Store(count, received);
+  Store(timedOut, pnTimedOut);
   if (timedOut == 1) return InvalidState(ZU_HERE, kReceiveTimedOut);
   return Result(ZU_HERE, err);
 }

@@ -142,7 +142,7 @@ CZuError CZuSocketSelector::Select(const timeval* timeout, bool* timedOut) {
   if (count < 0) {
     const int err = errno;
     if (err != 0) return FXErrorUtil::ErrorErrNo(ZU_HERE, err);
-    return {};  // a failure without an errno is passed over, and *timedOut stays as it was
+    return {};  // a failure without an errno counts as success and leaves *timedOut as it was
   }
   if (timedOut != nullptr) *timedOut = count == 0;
   return {};

@@ -92,7 +92,7 @@ void ClearText(char* text, std::size_t size) {
 
 // ---- Resolver ----
 
-// A conversion that fails leaves no family, with which nothing collides.
+// 127.0.53.53, or an address of no family where memory is short: IsCollision then refuses nothing.
 ZUNET_SockAddr ConvertCollisionAddress() {
   ZUNET_SockAddr converted{};
   AddrInfoList list;
@@ -176,7 +176,8 @@ int SendDatagram(KDSOCKET s, const ZUNET_SockAddr* to, const void* buffer, int l
   return 0;
 }
 
-// The buffer comes as constant, as the interface has it alike for both directions.
+// The buffer is declared constant since the public functions for both directions are declared
+// alike.
 int ReceiveDatagram(KDSOCKET s, ZUNET_SockAddr* from, const void* buffer, int len, int* recvlen,
                     int flags) {
   socklen_t length = LengthOf(*from);
@@ -286,8 +287,9 @@ int ZUNET_settcpkeepaliveoptions(KDSOCKET s, unsigned long ulTcpKeepAliveTimeout
 
 int ZUNET_select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
                  const timeval* timeout, int* pRetCount) {
-  // The system counts the caller's own value down: repeated waits share it, and so do callers that
-  // pass one value again and again.
+  // The system takes off what passed from the caller's own value. A wait that goes on after an
+  // interrupt thus ends when the first one would have, and a caller that passes one value several
+  // times waits that long for all of them together.
   auto* const left = const_cast<timeval*>(timeout);
   int count;
   do {
@@ -343,7 +345,7 @@ int ZUNET_sendwithtimeout(KDSOCKET s, const void* _buf, int len, int* sentlen, i
   if (timeoutsecs < 1) return ZUNET_send(s, _buf, len, sentlen, flags);
   *sentlen = 0;
   const TimeLimit limit(timeoutsecs);
-  timeval wait = kOneSecond;  // one second for all waits together; then the loop polls
+  timeval wait = kOneSecond;  // for all waits together: once it is used up they return at once
   while (*sentlen < len) {
     if (limit.IsPassed()) {
       *timedout = 1;
@@ -364,7 +366,7 @@ int ZUNET_sendtoicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, const void* _bu
   *timedout = 0;
   if (timeoutsecs < 1) return SendDatagram(s, SockAddr, _buf, len, sentlen, flags);
   const TimeLimit limit(timeoutsecs);
-  timeval wait = kOneSecond;  // as for streams: one second for all waits together
+  timeval wait = kOneSecond;  // for all waits together, as in ZUNET_sendwithtimeout
   while (!limit.IsPassed()) {
     int ready = 0;
     const int err = WaitUntilReady(s, WaitKind::kToSend, &wait, &ready);
@@ -448,7 +450,7 @@ int ZUNET_name2ip(const char* szHostName, ZUNET_HostEnt* HostEnt, int nFamily) {
   auto* const addresses = static_cast<ZUNET_SockAddr*>(std::calloc(count, sizeof(ZUNET_SockAddr)));
   HostEnt->addr_list = addresses;
   if (addresses == nullptr) {
-    (void)list.release();  // kept on purpose, as below
+    (void)list.release();  // leaks the list, as a collision below does
     return ENOMEM;
   }
 
@@ -458,8 +460,8 @@ int ZUNET_name2ip(const char* szHostName, ZUNET_HostEnt* HostEnt, int nFamily) {
     ZUNET_SockAddr& address = addresses[copied++];
     CopyAddress(*entry, address);
     if (entry->ai_family == AF_INET && IsCollision(address)) {
-      // An early end that keeps on purpose what was made so far: the resolver's list for good, the
-      // addresses until the caller releases them.
+      // Each refused look-up leaks the resolver's list: existing programs know this return as it
+      // is. The addresses so far are the caller's to free.
       (void)list.release();
       return ZUNET_NAME_COLLISION;
     }

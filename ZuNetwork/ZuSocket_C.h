@@ -117,16 +117,16 @@ ZUNETWORK_API int ZUNET_send(KDSOCKET s, const void* _buf, int len, int* sentlen
  * passed when the clock shows more than that. This is no failure: 0 with *timedout 1, which is 0
  * otherwise. A descriptor that a set cannot hold (see kdfdset_maxsock_set) returns 0 at once with a
  * short count. Waiting is bounded, the transfer after it is not: on a blocking socket a send of
- * more than the system takes at once may pass the limit. A sender whose first second of waiting
- * went by looks again without pause until the limit. */
+ * more than the system takes at once may pass the limit. A sender that has waited for a second in
+ * all waits no more: until the limit it asks the system again and again, which uses a whole CPU. */
 ZUNETWORK_API int ZUNET_recvwithtimeout(KDSOCKET s, void* _buf, int len, int* recvlen,
                                         int timeoutsecs, int* timedout, int flags);
 ZUNETWORK_API int ZUNET_sendwithtimeout(KDSOCKET s, const void* _buf, int len, int* sentlen,
                                         int timeoutsecs, int* timedout, int flags);
 
 /* Move one datagram to (from) `SockAddr`, with the time-out of the functions above; its size is
- * stored on success and 0 otherwise. Receiving writes into `_buf`, although it is passed as
- * constant alike, and overwrites `SockAddr` with the sender; it must hold an address of the
+ * stored on success and 0 otherwise. Receiving writes into `_buf`, although that is declared as
+ * constant, and overwrites `SockAddr` with the sender; it must hold an address of the
  * socket's family before. An interrupt after the wait is reported as EINTR. */
 ZUNETWORK_API int ZUNET_sendtoicmpsocket(KDSOCKET s, ZUNET_SockAddr* SockAddr, const void* _buf,
                                          int len, int* sentlen, int flags, int timeoutsecs,

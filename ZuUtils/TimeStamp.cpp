@@ -4,9 +4,7 @@
 
 namespace {
 
-constexpr std::int64_t kTicksPerSecond = 10'000'000;
 constexpr std::int64_t kNanosecondsPerTick = 100;
-constexpr std::int64_t kUnixEpochTicks = 116'444'736'000'000'000;  // 1970-01-01 in ticks
 
 }  // namespace
 

@@ -13,6 +13,9 @@ class ZUUTILS_API CTimeStamp {
   // The wall clock (CLOCK_REALTIME), which an administrator may set back.
   static CTimeStamp Now();
 
+  static constexpr std::int64_t kTicksPerSecond = 10'000'000;
+  static constexpr std::int64_t kUnixEpochTicks = 116'444'736'000'000'000;  // of 1970-01-01
+
   std::int64_t GetTicks() const { return m_ticks; }
 
  private:

@@ -1,6 +1,5 @@
 #include "ZuUtils/ZuFile.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,22 +8,9 @@
 #include <memory>
 #include <new>
 
-namespace {
+#include "ZuUtils/internal/OpenFile.h"
 
-CZuError OpenForReading(const char* path, int& descriptor) {
-  if (path == nullptr) {
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
-  }
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd == -1) return FXErrorUtil::ErrorErrNo(ZU_HERE, errno, "Failed to open file [%s]", path);
-  struct stat status;
-  if (fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
-    close(fd);
-    return FXErrorUtil::ErrorErrNo(ZU_HERE, EISDIR, "Failed to open file [%s]", path);
-  }
-  descriptor = fd;
-  return {};
-}
+namespace {
 
 CZuError SizeOf(int descriptor, std::size_t& size) {
   struct stat status;
@@ -82,9 +68,10 @@ CZuError CZuFile::Open(const char* path, int /*mode*/, int /*share*/) {
   if (m_descriptor != -1) {
     return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidState, "File already open");
   }
-  CZuError error = OpenForReading(path, m_descriptor);
-  if (Failed(error)) error.Push(ZU_HERE);
-  return error;
+  if (path == nullptr) {
+    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorInvalidArgument, "Null parameter passed");
+  }
+  return OpenForReading(ZU_HERE, path, m_descriptor);
 }
 
 CZuError CZuFile::Size(unsigned long long& size) {

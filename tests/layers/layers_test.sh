@@ -46,6 +46,8 @@ expect "ZuNetwork/ZuPing.h, which is installed, includes ZuNetwork/internal/Made
   ZuNetwork/ZuPing.h ZuNetwork/internal/Made.h
 expect "zu/Address.cpp includes ZuNetwork/internal/Made.h of another library" \
   zu/Address.cpp ZuNetwork/internal/Made.h
+expect "zu/Address.cpp includes ZuUtils/internal/Made.h of another library" \
+  zu/Address.cpp ZuUtils/internal/Made.h ZuNetwork/KdTransferIO.cpp ZuUtils/internal/Made.h
 expect "ZuUtils/ZuFile.cpp includes ZuNetwork/ZuSocket.h of the library above" \
   ZuUtils/ZuFile.cpp ZuNetwork/ZuSocket.h
 expect "ZuNetwork/ZuPing.cpp includes zu/Deadline.h of the library above" \
