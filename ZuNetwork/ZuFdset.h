@@ -62,9 +62,10 @@ class ZUNETWORK_API ZuFdset {
   int get_maxfd();
 
  protected:
-  void CopyFrom(const ZuFdset& other);
-  void EnsureInitialized();
-
   kdfdset fdset;
   bool isInitialize = false;  // the record means nothing before
+
+ private:
+  ZUNETWORK_LOCAL void CopyFrom(const ZuFdset& other);
+  ZUNETWORK_LOCAL void EnsureInitialized();
 };

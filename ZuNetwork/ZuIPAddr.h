@@ -171,7 +171,7 @@ class ZUNETWORK_API CZuIPAddr {
   struct ConstantInitialized {};
   explicit constexpr CZuIPAddr(ConstantInitialized) noexcept : m_Addr{} {}
 
-  static void SetUpCollisionAddress();
+  ZUNETWORK_LOCAL static void SetUpCollisionAddress();
 };
 
 // Turns the text to lower case in place, by the rules of tolower(3), and returns it.

@@ -59,12 +59,6 @@ CZuIPAddrBlacklist::CZuIPAddrBlacklist() : m_key(DrawKey(this)) {}
 
 CZuIPAddrBlacklist::~CZuIPAddrBlacklist() = default;
 
-CZuIPAddrBlacklist::Entries::iterator CZuIPAddrBlacklist::EntryOf(const Slot& slot) {
-  Entries::iterator entry;
-  std::memcpy(&entry, slot.entry.data(), sizeof entry);
-  return entry;
-}
-
 void CZuIPAddrBlacklist::SetExpirationTime(int seconds) { m_expirationTime = seconds; }
 
 void CZuIPAddrBlacklist::SetGraceAttempts(unsigned int attempts) { m_graceAttempts = attempts; }
@@ -81,7 +75,7 @@ CZuError CZuIPAddrBlacklist::AddAddressToBlacklist(const CZuIPAddr& addr, const 
     std::memcpy(slot.entry.data(), &added, sizeof added);
     return {};
   }
-  CZuIPAddrBlacklistNode& entry = *EntryOf(slot);
+  CZuIPAddrBlacklistNode& entry = *slot.Entry();
   entry.m_timeAdded = now;
   entry.m_attempts = entry.m_attempts < m_graceAttempts ? entry.m_attempts + 1 : m_graceAttempts;
   return {};
@@ -99,7 +93,7 @@ bool CZuIPAddrBlacklist::IsAddressBlacklisted(const CZuIPAddr& addr, CZuString* 
   if (attempts != nullptr) *attempts = 0;
   Slot& slot = FindSlot(addr, HashOf(addr, m_key));
   if (slot.hash == 0) return false;
-  const Entries::iterator entry = EntryOf(slot);
+  const Entries::iterator entry = slot.Entry();
   if (!ForgiveAttempts(entry)) {
     Remove(slot);
     return false;
@@ -196,7 +190,7 @@ bool CZuIPAddrBlacklist::ForgiveAttempts(Entries::iterator entry) {
 }
 
 void CZuIPAddrBlacklist::Remove(Slot& slot) {
-  const Entries::iterator entry = EntryOf(slot);
+  const Entries::iterator entry = slot.Entry();
   if (m_blacklistIterator == entry) m_blacklistIterator = m_blacklist.end();
   m_blacklist.erase(entry);
   // What stands behind moves up as far as it would have been put without the entry.
@@ -211,12 +205,16 @@ void CZuIPAddrBlacklist::Remove(Slot& slot) {
   m_index[hole] = {};
 }
 
+std::size_t CZuIPAddrBlacklist::After(std::size_t place) const {
+  return (place + 1) & (m_index.size() - 1);
+}
+
 // The slot of the address, or the empty one where it would be.
 CZuIPAddrBlacklist::Slot& CZuIPAddrBlacklist::FindSlot(const CZuIPAddr& addr, std::uint32_t hash) {
   std::size_t place = hash & (m_index.size() - 1);
   while (m_index[place].hash != 0) {
     const Slot& slot = m_index[place];
-    if (slot.hash == hash && EntryOf(slot)->m_addr == addr) break;
+    if (slot.hash == hash && slot.Entry()->m_addr == addr) break;
     place = After(place);
   }
   return m_index[place];

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <list>
 #include <string>
@@ -93,19 +94,15 @@ class ZUNETWORK_API CZuIPAddrBlacklist {
   struct Slot {
     std::uint32_t hash = 0;
     std::array<unsigned char, sizeof(Entries::iterator)> entry{};
+
+    Entries::iterator Entry() const {
+      Entries::iterator iterator;
+      std::memcpy(&iterator, entry.data(), sizeof iterator);
+      return iterator;
+    }
   };
 
   using Key = std::array<std::uint64_t, 3>;
-
-  bool ForgiveAttempts(Entries::iterator entry);
-  void Remove(Slot& slot);
-  std::size_t After(std::size_t place) const { return (place + 1) & (m_index.size() - 1); }
-  Slot& FindSlot(const CZuIPAddr& addr, std::uint32_t hash);
-  void MakeRoomInIndex();
-  static Entries::iterator EntryOf(const Slot& slot);
-  CZuError AddAllAddressesOf(const FXCodeLocation& where, const char* hostName);
-  CZuError Load(const FXCodeLocation& where, const char* fileName,
-                std::vector<CZuIPAddrBlacklistSkippedLine>* skipped);
 
   int m_expirationTime = 0;
   unsigned m_graceAttempts = 1;
@@ -113,4 +110,14 @@ class ZUNETWORK_API CZuIPAddrBlacklist {
   Entries::iterator m_blacklistIterator = m_blacklist.end();  // what GetNext returns next
   std::vector<Slot> m_index = std::vector<Slot>(2);           // a power of two; never full
   Key m_key;
+
+ private:
+  ZUNETWORK_LOCAL bool ForgiveAttempts(Entries::iterator entry);
+  ZUNETWORK_LOCAL void Remove(Slot& slot);
+  ZUNETWORK_LOCAL std::size_t After(std::size_t place) const;
+  ZUNETWORK_LOCAL Slot& FindSlot(const CZuIPAddr& addr, std::uint32_t hash);
+  ZUNETWORK_LOCAL void MakeRoomInIndex();
+  ZUNETWORK_LOCAL CZuError AddAllAddressesOf(const FXCodeLocation& where, const char* hostName);
+  ZUNETWORK_LOCAL CZuError Load(const FXCodeLocation& where, const char* fileName,
+                                std::vector<CZuIPAddrBlacklistSkippedLine>* skipped);
 };

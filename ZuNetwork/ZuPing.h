@@ -175,9 +175,12 @@ class ZUNETWORK_API CZuPing {
   CZuString m_serverIP;
 
  private:
-  CZuError SendOne(const FXCodeLocation& where, ZuPingResponse& response, ZuPingResult& result);
-  CZuError ReceiveAny(const FXCodeLocation& where, KD_PING_STATE& state, CTimeStamp& recvTime);
-  CZuError ReceiveOwn(const FXCodeLocation& where, ZuPingResponse& response, CTimeStamp& recvTime);
+  ZUNETWORK_LOCAL CZuError SendOne(const FXCodeLocation& where, ZuPingResponse& response,
+                                   ZuPingResult& result);
+  ZUNETWORK_LOCAL CZuError ReceiveAny(const FXCodeLocation& where, KD_PING_STATE& state,
+                                      CTimeStamp& recvTime);
+  ZUNETWORK_LOCAL CZuError ReceiveOwn(const FXCodeLocation& where, ZuPingResponse& response,
+                                      CTimeStamp& recvTime);
 
   bool m_ownRepliesOnly = false;
   CZuIPAddr m_target;            // the server, also after packets of others

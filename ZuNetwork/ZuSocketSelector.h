@@ -50,7 +50,6 @@ class ZUNETWORK_API CZuSocketSelector {
  protected:
   CZuError SetSocket(ZuSocketSet* set, ZuFdset* saved, const CZuSocket& socket);
   void ClearSocket(ZuSocketSet* set, ZuFdset* saved, const CZuSocket& socket);
-  void FindMaxFD();
 
   ZuSocketSet m_Read;
   ZuSocketSet m_Write;
@@ -63,4 +62,7 @@ class ZUNETWORK_API CZuSocketSelector {
   ZuFdset m_SavedExpSet;
   KDSOCKET m_MaxFD = 0;
   bool m_IsMaxFDValid = true;  // false after a removal, until the next Select
+
+ private:
+  ZUNETWORK_LOCAL void FindMaxFD();
 };

@@ -40,9 +40,9 @@ class ZUUTILS_API CZuString {
   void CheckAndRemoveLastCharacter(char last);
 
  private:
-  void Assign(const char* text, std::size_t length);
-  std::size_t Capacity() const;
-  void TakeOver(char* text, std::size_t capacity);
+  ZUUTILS_LOCAL void Assign(const char* text, std::size_t length);
+  ZUUTILS_LOCAL std::size_t Capacity() const;
+  ZUUTILS_LOCAL void TakeOver(char* text, std::size_t capacity);
 
   static constexpr std::size_t kInternalSize = 50;
 

@@ -46,7 +46,7 @@ class Probe : public CZuIPAddrBlacklist {
     std::vector<CZuIPAddr> found;
     for (const Slot& slot : m_index) {
       if (slot.hash == 0) continue;
-      if (slot.hash % 8192 < 128) found.push_back(EntryOf(slot)->m_addr);
+      if (slot.hash % 8192 < 128) found.push_back(slot.Entry()->m_addr);
     }
     return found;
   }
