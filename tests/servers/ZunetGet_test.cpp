@@ -130,6 +130,17 @@ TEST_F(ZunetGet, RedirectsNeverLeadFromHttpsToHttpUnlessToldTo) {
   EXPECT_EQ(RunZunet("get " + Local("http", first.Port(), "/up") + trust).out, "secret");
 }
 
+TEST_F(ZunetGet, PlaceOfWhatWasMadeIsNoRedirect) {
+  const Certificates certificates;
+  const NginxServer secure(
+      "location / { add_header Location http://elsewhere/ always; return 201 made; }",
+      certificates.RightHost());
+  EXPECT_EQ(RunZunet("post -d x " + Local("https", secure.Port(), "/") + " --cacert " +
+                     certificates.Authority().string())
+                .out,
+            "made");
+}
+
 TEST_F(ZunetGet, CredentialsAreNotSentToWhereARedirectLeads) {
   RawServer other({RawServer::Answer(kFile)});
   const std::string challenge =

@@ -183,6 +183,15 @@ TEST_F(ZunetResume, ConditionsOfTheCallersAreRefused) {
   EXPECT_GT(RunZunet("get http://127.0.0.1:1/ -o - --resume").status, 2);
 }
 
+TEST_F(ZunetResume, DeviceKeepsNoPart) {
+  m_server = std::make_unique<RawServer>(
+      std::vector<RawServer::Script>{RawServer::Answer(Answer("200 OK", kEtag, kWhole))});
+  fs::create_symlink("/dev/null", m_folder / "file");
+  EXPECT_EQ(Get("/file").status, 0);
+  EXPECT_THAT(Files(), ElementsAre("file"));
+  EXPECT_FALSE(fs::exists("/dev/null.part.tag"));
+}
+
 TEST_F(ZunetResume, WorksWithAServerOfToday) {
   const NginxServer nginx("location / { max_ranges 1; }");
   const auto served = nginx.Folder() / "www/file";

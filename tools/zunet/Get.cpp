@@ -1,3 +1,5 @@
+#include <filesystem>
+
 #include "Commands.h"
 #include "Part.h"
 #include "Signals.h"
@@ -5,6 +7,8 @@
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 enum class Attempt { kDone, kGoOn, kStartOver };
 
@@ -78,10 +82,16 @@ void Resume(const TransferArguments& arguments) {
   }
 }
 
+// A device or a pipe keeps no part.
+bool HasPart(const std::string& output) {
+  std::error_code failure;
+  return !fs::exists(output, failure) || fs::is_regular_file(output, failure);
+}
+
 }  // namespace
 
 void Get(const TransferArguments& arguments) {
-  if (arguments.isResumed) return Resume(arguments);
+  if (arguments.isResumed && HasPart(arguments.output)) return Resume(arguments);
   Session session(arguments.url, arguments.session);
   Response response(session);
   response.Open(arguments.output);

@@ -38,6 +38,7 @@ size_t Response::TakeBody(char* data, size_t size, size_t count, void* instance)
 }
 
 void Response::ExitUnlessDone(const CZuError& error) {
+  m_session.EndProgress();
   if (m_isUnwritten) ExitOnFailure(m_sink.Commit());
   m_session.ExitUnlessDone(error);
 }

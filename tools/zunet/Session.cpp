@@ -46,18 +46,17 @@ std::pair<std::string_view, std::string_view> FieldOf(std::string_view line) {
 }  // namespace
 
 void AnswerHeader::Take(std::string_view line) {
-  if (m_isComplete) m_lines.clear();
+  if (m_isComplete) m_fields.clear();
   m_isComplete = Trimmed(line).empty();
-  m_lines.emplace_back(line);
+  const auto [field, value] = FieldOf(line);
+  for (const char* const name : {"ETag", "Last-Modified", "Date", "Content-Range"}) {
+    if (EqualsIgnoringCase(field, name)) m_fields[name] = value;
+  }
 }
 
 std::string AnswerHeader::Find(const std::string& name) const {
-  std::string found;
-  for (const std::string& line : m_lines) {
-    const auto [field, value] = FieldOf(line);
-    if (EqualsIgnoringCase(field, name)) found = value;
-  }
-  return found;
+  const auto found = m_fields.find(name);
+  return found == m_fields.end() ? "" : found->second;
 }
 
 Session::Session(const std::string& url, const SessionOptions& options)
@@ -185,7 +184,8 @@ size_t Session::TakeHeader(char* data, size_t size, size_t count, void* instance
 
 bool Session::IsDowngrade(std::string_view line) const {
   const auto [name, value] = FieldOf(line);
-  if (m_options.isDowngraded || !EqualsIgnoringCase(name, "Location")) return false;
+  const bool isRedirect = Status() / 100 == 3 && EqualsIgnoringCase(name, "Location");
+  if (m_options.isDowngraded || !isRedirect) return false;
   const char* current = nullptr;
   const CURLcode code =
       CurlWrapper::gCurlWrapper.Curl_easy_getinfo(m_handle, CURLINFO_SCHEME, &current);
@@ -215,8 +215,12 @@ std::int64_t Session::FileTime() const {
 
 void Session::ShowProgress() { m_hasBar = isatty(STDERR_FILENO) == 1; }
 
-void Session::ExitUnlessDone(const CZuError& error) const {
+void Session::EndProgress() const {
   if (m_hasBar) FinishProgress();
+}
+
+void Session::ExitUnlessDone(const CZuError& error) const {
+  EndProgress();
   if (Failed(error)) ExitOnSignal();
   if (Failed(error) && !m_refusal.empty()) {
     ExitOnFailure(FXErrorUtil::ErrorInt(ZU_HERE, kErrorBadInput, "%s", m_refusal.c_str()));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,16 +29,17 @@ struct SessionOptions {
   bool isTlsControl = false;
 };
 
-// The header of an answer. Others may come before it: of redirects, of requests for a login.
+// What the header of an answer tells of the file. Others may come before it: of redirects, of
+// requests for a login.
 class AnswerHeader {
  public:
   void Take(std::string_view line);
 
-  // The value of the last field of that name, empty without one.
+  // The value of ETag, Last-Modified, Date or Content-Range; empty without one.
   std::string Find(const std::string& name) const;
 
  private:
-  std::vector<std::string> m_lines;
+  std::map<std::string, std::string> m_fields;
   bool m_isComplete = false;
 };
 
@@ -73,7 +75,9 @@ class Session {
   // Shows a progress bar on a terminal.
   void ShowProgress();
 
-  // Ends the program unless the operation succeeded.
+  // Ends the program unless the operation succeeded. The progress bar has to be ended before
+  // anything else is printed.
+  void EndProgress() const;
   void ExitUnlessDone(const CZuError& error) const;
 
  private:
@@ -86,7 +90,7 @@ class Session {
   void ConfigureFtp();
   void ConfigureSsh();
   void LimitTime();
-  bool IsDowngrade(std::string_view line) const;
+  bool IsDowngrade(std::string_view line) const;  // of a header
   static size_t TakeHeader(char* data, size_t size, size_t count, void* instance);
   static int CheckHostKey(CURL* handle, const curl_khkey* known, const curl_khkey* found,
                           curl_khmatch match, void* instance);

@@ -53,7 +53,7 @@ Url Url::Parse(const std::string& text) {
 std::string Url::Host() const {
   const std::string server = HostAndPort();
   const std::string host = server.substr(0, PortStart(server));
-  return host.front() == '[' ? host.substr(1, host.find(']') - 1) : host;
+  return StartsWith(host, "[") ? host.substr(1, host.find(']') - 1) : host;
 }
 
 std::string Url::Port() const {
