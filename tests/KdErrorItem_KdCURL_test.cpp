@@ -1,14 +1,9 @@
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
 
-#include <dlfcn.h>
-
 #include <boost/smart_ptr/make_shared.hpp>
 #include <climits>
-#include <cstdarg>
-#include <cstdio>
 #include <cwchar>
 
-#include "ZuUtils/FXString.h"
 #include "support/Expect.h"
 
 using KdCURL::ErrorKdCURL;
@@ -19,36 +14,6 @@ using KdCURL::PushKdCURL;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
-
-namespace {
-
-using Formatter = CZuError (*)(std::string&, const char*, va_list);
-
-const char* gLeftByFormatter = nullptr;  // what a failing formatter leaves in the text
-Formatter gFormatter = nullptr;          // the library's own, once the tests run
-
-__attribute__((constructor)) void FindFormatter() {
-  gFormatter = reinterpret_cast<Formatter>(
-      dlsym(RTLD_NEXT,
-            "_ZN8FXString13FormatArgListERNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"
-            "PKcP13__va_list_tag"));
-}
-
-}  // namespace
-
-// Stands before the library's own, to fail after a part of the text. While the libraries start it
-// gets the dynamic loader's messages, which dlsym would free under its hands.
-CZuError FXString::FormatArgList(std::string& text, const char* fmt, va_list args) {
-  if (gLeftByFormatter != nullptr) {
-    text = gLeftByFormatter;
-    return FXErrorUtil::ErrorWin32(ZU_HERE, kErrorNotEnoughMemory);
-  }
-  if (gFormatter != nullptr) return gFormatter(text, fmt, args);
-  char buffer[512];
-  std::vsnprintf(buffer, sizeof buffer, fmt, args);
-  text = buffer;
-  return {};
-}
 
 namespace {
 
@@ -162,13 +127,6 @@ TEST(ErrorKdCURL, ADescriptionThatCannotBeFormattedSaysSo) {
   const CZuError made = ErrorKdCURL(kPlace, 6, "host %ls", unprintable);
   EXPECT_EQ(CodeOf(made), 0xEDD00006);
   EXPECT_EQ(Items(made), kBase + "/KdCURL.6.0x6-[BUFFEROVERFLOW] ");
-
-  gLeftByFormatter = "host a";
-  CZuError error = ErrorKdCURL(kPlace, 6, "host %s, port %d", "abc", 80);
-  PushKdCURL(error, kOther, 7, "port %d", 80);
-  gLeftByFormatter = nullptr;
-  EXPECT_THAT(error.AsString(), HasSubstr(kBase + "/KdCURL.6.0x6-[BUFFEROVERFLOW] host a\n"));
-  EXPECT_THAT(error.AsString(), EndsWith("/KdCURL.7.0x7-[BUFFEROVERFLOW] host a"));
 }
 
 TEST(PushKdCURL, AddsAnItemAndKeepsTheCode) {

@@ -1,7 +1,6 @@
 #include "ZuNetwork/KdTransferIO.h"
 
 #include <curl/curl.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -14,6 +13,7 @@
 #include <thread>
 
 #include "support/Expect.h"
+#include "support/SystemFunction.h"
 #include "support/TempDir.h"
 
 using testing::ElementsAre;
@@ -22,39 +22,21 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What a system call does in this thread instead; empty: what it always does.
-thread_local std::function<ssize_t(int descriptor, const void* data, size_t size)> gWrite;
-thread_local std::function<ssize_t(int descriptor, void* data, size_t size)> gRead;
-thread_local std::function<int(int descriptor)> gClose;
-
-template <typename Function>
-Function Next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
-ssize_t SystemWrite(int descriptor, const void* data, size_t size) {
-  return Next<ssize_t (*)(int, const void*, size_t)>("write")(descriptor, data, size);
-}
-
-ssize_t SystemRead(int descriptor, void* data, size_t size) {
-  return Next<ssize_t (*)(int, void*, size_t)>("read")(descriptor, data, size);
-}
-
-int SystemClose(int descriptor) { return Next<int (*)(int)>("close")(descriptor); }
+SystemFunction<ssize_t(int, const void*, size_t)> gWrite{"write"};
+SystemFunction<ssize_t(int, void*, size_t)> gRead{"read"};
+SystemFunction<int(int)> gClose{"close"};
 
 }  // namespace
 
 extern "C" ssize_t write(int descriptor, const void* data, size_t size) {
-  return gWrite ? gWrite(descriptor, data, size) : SystemWrite(descriptor, data, size);
+  return gWrite(descriptor, data, size);
 }
 
 extern "C" ssize_t read(int descriptor, void* data, size_t size) {
-  return gRead ? gRead(descriptor, data, size) : SystemRead(descriptor, data, size);
+  return gRead(descriptor, data, size);
 }
 
-extern "C" int close(int descriptor) {
-  return gClose ? gClose(descriptor) : SystemClose(descriptor);
-}
+extern "C" int close(int descriptor) { return gClose(descriptor); }
 
 namespace {
 
@@ -98,11 +80,6 @@ class FileSink : public testing::Test {
     return names;
   }
 
-  void TearDown() override {
-    gWrite = nullptr;
-    gClose = nullptr;
-  }
-
   TempDir m_folder;
   std::string m_path = m_folder / "file";
   KdCURL::FileSink m_sink;
@@ -110,8 +87,6 @@ class FileSink : public testing::Test {
 
 class FileSource : public testing::Test {
  protected:
-  void TearDown() override { gRead = nullptr; }
-
   TempDir m_folder;
   std::string m_path = m_folder / "file";
   KdCURL::FileSource m_source;
@@ -394,12 +369,10 @@ TEST_F(FileSink, AFailedWriteLeavesTheOldFile) {
     KdCURL::FileSink sink;
     ASSERT_OK(sink.Open(m_path));
     EXPECT_EQ(Give(sink, "new"), 3U);
-    gWrite = [](int, const void*, size_t) {
-      errno = EIO;
-      return ssize_t{-1};
-    };
-    EXPECT_EQ(Give(sink, "more"), 0U);
-    gWrite = nullptr;
+    {
+      const Fault fault(gWrite, EIO);
+      EXPECT_EQ(Give(sink, "more"), 0U);
+    }
     EXPECT_FAILS(sink.Commit(), ErrNoCode(EIO), "Failed to write file [");
   }
   EXPECT_EQ(ReadFile(m_path), "old");
@@ -412,13 +385,12 @@ TEST_F(FileSink, AFailedCloseLeavesTheOldFile) {
     KdCURL::FileSink sink;
     ASSERT_OK(sink.Open(m_path));
     Give(sink, "new");
-    gClose = [](int descriptor) {
-      SystemClose(descriptor);
+    const Replacement fail(gClose, [](int descriptor) {
+      gClose.Real(descriptor);
       errno = EDQUOT;
       return -1;
-    };
+    });
     EXPECT_FAILS(sink.Commit(), ErrNoCode(EDQUOT), "Failed to write file [");
-    gClose = nullptr;
   }
   EXPECT_EQ(ReadFile(m_path), "old");
   EXPECT_THAT(Names(), ElementsAre("file"));
@@ -427,13 +399,14 @@ TEST_F(FileSink, AFailedCloseLeavesTheOldFile) {
 TEST_F(FileSink, InterruptedAndShortWritesGoOn) {
   ASSERT_OK(m_sink.Open(m_path));
   int calls = 0;
-  gWrite = [&](int descriptor, const void* data, size_t size) -> ssize_t {
-    if (++calls % 2 == 0) return SystemWrite(descriptor, data, std::min(size, size_t{3}));
-    errno = EINTR;
-    return -1;
-  };
-  EXPECT_EQ(Give(m_sink, "0123456789"), 10U);
-  gWrite = nullptr;
+  {
+    const Replacement odd(gWrite, [&](int descriptor, const void* data, size_t size) -> ssize_t {
+      if (++calls % 2 == 0) return gWrite.Real(descriptor, data, std::min(size, size_t{3}));
+      errno = EINTR;
+      return -1;
+    });
+    EXPECT_EQ(Give(m_sink, "0123456789"), 10U);
+  }
   EXPECT_EQ(calls, 8);
   ASSERT_OK(m_sink.Commit());
   EXPECT_EQ(ReadFile(m_path), "0123456789");
@@ -485,8 +458,8 @@ TEST_F(FileSink, ADescriptorOfTheCallersStaysOpen) {
     EXPECT_OK(sink.Commit());
     EXPECT_EQ(Give(sink, "two "), 4U);
   }
-  EXPECT_EQ(SystemWrite(descriptor, "three", 5), 5);
-  EXPECT_EQ(SystemClose(descriptor), 0);
+  EXPECT_EQ(write(descriptor, "three", 5), 5);
+  EXPECT_EQ(close(descriptor), 0);
   EXPECT_EQ(ReadFile(m_path), "one two three");
   m_sink.Use(descriptor);
   EXPECT_EQ(Give(m_sink, "x"), 0U);
@@ -553,7 +526,7 @@ TEST_F(FileSource, AFileMayBeReadFromItsMiddle) {
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   const int writer = open(pipe.c_str(), O_RDWR | O_CLOEXEC);
   EXPECT_FAILS(m_source.Open(pipe, 1), ErrNoCode(ESPIPE), "Failed to open file [");
-  EXPECT_EQ(SystemClose(writer), 0);
+  EXPECT_EQ(close(writer), 0);
 }
 
 TEST_F(FileSource, AnEmptyFileGivesNothing) {
@@ -600,11 +573,11 @@ TEST_F(FileSource, AnInterruptedReadGoesOnAndAFailedOneAborts) {
   WriteFile(m_path, "text");
   ASSERT_OK(m_source.Open(m_path));
   int calls = 0;
-  gRead = [&](int descriptor, void* data, size_t size) -> ssize_t {
-    if (++calls == 3) return SystemRead(descriptor, data, size);
+  const Replacement odd(gRead, [&](int descriptor, void* data, size_t size) -> ssize_t {
+    if (++calls == 3) return gRead.Real(descriptor, data, size);
     errno = calls < 3 ? EINTR : EIO;
     return -1;
-  };
+  });
   EXPECT_EQ(Take(m_source, 100), "text");
   EXPECT_EQ(calls, 3);
   char byte = '?';

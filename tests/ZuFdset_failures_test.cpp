@@ -1,6 +1,7 @@
-// The class on top of plain functions that fail as the library's own never do: it is compiled into
-// this program, since calls inside the library cannot be replaced.
-#include "ZuNetwork/ZuFdset.cpp"
+// The class on top of plain functions that fail as the library's own never do: its source is built
+// into this program, since calls inside the library cannot be replaced.
+
+#include "ZuNetwork/ZuFdset.h"
 
 #include <string>
 

@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <netdb.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -16,6 +15,7 @@
 #include "ZuNetwork/ZuIPAddrBlacklist.h"
 #include "support/Expect.h"
 #include "support/Heap.h"
+#include "support/SystemFunction.h"
 #include "support/TempDir.h"
 
 // Blacklists that are loaded from a file.
@@ -24,17 +24,17 @@ namespace {
 
 std::vector<std::string> gLookedUp;  // every name that the resolver was asked for
 bool gIsRecording = false;           // the library asks before there is a list to write to
-std::function<FILE*(const char*, const char*)> gOpen;
+SystemFunction<int(const char*, const char*, const addrinfo*, addrinfo**)> gGetAddrInfo{
+    "getaddrinfo"};
+SystemFunction<FILE*(const char*, const char*)> gOpen{"fopen"};
 
 constexpr char kTwoAddresses[] = "two.example";
 constexpr char kCollidesSecond[] = "collides.example";
 
 int NextLookup(const char* name, const addrinfo* hints, addrinfo** found) {
-  static const auto next =
-      reinterpret_cast<decltype(&::getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   addrinfo numeric = *hints;
   numeric.ai_flags |= AI_NUMERICHOST;  // no test asks a name server
-  return next(name, nullptr, &numeric, found);
+  return gGetAddrInfo(name, nullptr, &numeric, found);
 }
 
 int LookUpBoth(const char* first, const char* second, const addrinfo* hints, addrinfo** found) {
@@ -53,10 +53,7 @@ extern "C" int getaddrinfo(const char* name, const char*, const addrinfo* hints,
   return NextLookup(name, hints, found);
 }
 
-extern "C" FILE* fopen(const char* path, const char* mode) {
-  static const auto next = reinterpret_cast<decltype(&::fopen)>(dlsym(RTLD_NEXT, "fopen"));
-  return gOpen ? gOpen(path, mode) : next(path, mode);
-}
+extern "C" FILE* fopen(const char* path, const char* mode) { return gOpen(path, mode); }
 
 namespace {
 
@@ -69,10 +66,7 @@ class ZuIPAddrBlacklistFile : public testing::Test {
     gLookedUp.clear();
     gIsRecording = true;
   }
-  ~ZuIPAddrBlacklistFile() override {
-    gIsRecording = false;
-    gOpen = nullptr;
-  }
+  ~ZuIPAddrBlacklistFile() override { gIsRecording = false; }
 
   CZuError LoadContents(const std::string& contents) {
     WriteFile(folder / "list", contents);
@@ -205,11 +199,11 @@ TEST_F(ZuIPAddrBlacklistFile, AddsToWhatIsThere) {
 
 TEST_F(ZuIPAddrBlacklistFile, OpensForReadingInTextMode) {
   std::string asked;
-  gOpen = [&](const char* path, const char* mode) -> FILE* {
+  const Replacement refused(gOpen, [&](const char* path, const char* mode) -> FILE* {
     asked = std::string(path) + "|" + mode;
     errno = EMFILE;
     return nullptr;
-  };
+  });
   const CZuError error = list.LoadBlacklistFromFile("some list");
   EXPECT_EQ(asked, "some list|rt");
   EXPECT_FAILS(error, Win32Code(EMFILE), "Failed to open file, FileName=some list");
@@ -278,7 +272,8 @@ TEST_F(ZuIPAddrBlacklistFile, ReadErrorEndsTheLoadingAndKeepsWhatCame) {
     static_cast<Cookie*>(raw)->closed = true;
     return 0;
   };
-  gOpen = [&](const char*, const char* mode) { return fopencookie(&cookie, mode, functions); };
+  const Replacement broken(
+      gOpen, [&](const char*, const char* mode) { return fopencookie(&cookie, mode, functions); });
   EXPECT_FAILS(list.LoadBlacklistFromFile("list"), Win32Code(EIO),
                "Failed to read file, FileName=list");
   EXPECT_EQ(Entries(), (Texts{"10.0.0.1*1", "10.0.0.2*1"})) << "neither a part nor a line again";

@@ -1,6 +1,5 @@
 // What becomes of the collision address when it cannot be read while the library is loaded.
 
-#include <dlfcn.h>
 #include <netdb.h>
 
 #include <atomic>
@@ -12,8 +11,13 @@
 #include "support/Addresses.h"
 #include "support/Expect.h"
 #include "support/Namespaces.h"
+#include "support/SystemFunction.h"
 
 namespace {
+
+SystemFunction<int(const char*, const char*, const addrinfo*, addrinfo**)> gGetAddrInfo{
+    "getaddrinfo"};
+SystemFunction<void(addrinfo*)> gFreeAddrInfo{"freeaddrinfo"};
 
 constexpr auto kAny = CZuIPAddr::FAMILY_ANY;
 constexpr unsigned kCollision = 0xFFFFFFFE;
@@ -65,8 +69,6 @@ int ConversionsOf(int constructions) {
 extern "C" {
 
 int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list) {
-  static const auto next =
-      reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
   if ((hints->ai_flags & AI_NUMERICHOST) != 0 || IsSetUp(name, *hints)) {
     ++gConversions;
     if (gSuccesses.fetch_sub(1) <= 0) {
@@ -78,17 +80,15 @@ int getaddrinfo(const char* name, const char* service, const addrinfo* hints, ad
     *list = nullptr;
     return 0;
   }
-  const int result = next(name, service, hints, list);
+  const int result = gGetAddrInfo(name, service, hints, list);
   if (result == 0) ++gLists;
   return result;
 }
 
 void freeaddrinfo(addrinfo* list) noexcept {
-  static const auto next =
-      reinterpret_cast<decltype(&freeaddrinfo)>(dlsym(RTLD_NEXT, "freeaddrinfo"));
   if (list == nullptr) return;
   --gLists;
-  next(list);
+  gFreeAddrInfo(list);
 }
 }
 

@@ -30,6 +30,7 @@ constexpr char kNetwork[] =
     "ip addr add 10.0.0.5/24 dev va; ip addr add 9.1.1.1/24 dev vb;"
     "ip -6 addr add 2001:db8::5/64 dev va nodad";
 
+SystemFunction<int(int, int, int)> gSocket{"socket"};
 int gSocketErrNo = 0;  // for the enumeration
 
 CZuError Collect(bool ips, bool names, GetAllInterfacesRet_t& found, CZuIPAddr::IP_FAMILY family) {
@@ -228,8 +229,7 @@ TEST(GetAllInterfaces, DropsAFailedEnumeration) {
 }  // namespace
 
 extern "C" int socket(int family, int type, int protocol) noexcept {
-  static const auto next = resolver::Next(&socket, "socket");
-  if (gSocketErrNo == 0) return next(family, type, protocol);
+  if (gSocketErrNo == 0) return gSocket(family, type, protocol);
   errno = gSocketErrNo;
   return -1;
 }

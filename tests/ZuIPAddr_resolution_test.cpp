@@ -32,6 +32,9 @@ constexpr unsigned kCollision = 0xFFFFFFFE;
 constexpr char kCollisionText[] = "DNS name collision occured";
 
 // Faults of the system; 0 or empty: none.
+SystemFunction<int(int, int, int)> gSocket{"socket"};
+SystemFunction<int(int, const sockaddr*, socklen_t)> gBind{"bind"};
+SystemFunction<int(char*, std::size_t)> gGetHostName{"gethostname"};
 int gSocketErrNo = 0;  // for sockets of gSocketFamily
 int gSocketFamily = AF_UNSPEC;
 int gBindErrNo = 0;
@@ -83,24 +86,21 @@ bool SameBytes(const CZuIPAddr& left, const CZuIPAddr& right) {
 extern "C" {
 
 int socket(int family, int type, int protocol) noexcept {
-  static const auto next = resolver::Next(&socket, "socket");
-  if (gSocketErrNo == 0 || family != gSocketFamily) return next(family, type, protocol);
+  if (gSocketErrNo == 0 || family != gSocketFamily) return gSocket(family, type, protocol);
   errno = gSocketErrNo;
   return -1;
 }
 
 int bind(int descriptor, const sockaddr* address, socklen_t length) noexcept {
-  static const auto next = resolver::Next(&bind, "bind");
-  if (gBindErrNo == 0) return next(descriptor, address, length);
+  if (gBindErrNo == 0) return gBind(descriptor, address, length);
   errno = gBindErrNo;
   return -1;
 }
 
 int gethostname(char* name, std::size_t size) noexcept {
-  static const auto next = resolver::Next(&gethostname, "gethostname");
   EXPECT_EQ(size, 1025u);
   EXPECT_EQ(name[0], '\0');
-  if (gHostNameErrNo == 0) return next(name, size);
+  if (gHostNameErrNo == 0) return gGetHostName(name, size);
   std::memcpy(name, "half", 5);
   errno = gHostNameErrNo;
   return -1;

@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include "support/PeerNetwork.h"
 #include "support/PingPeer.h"
 #include "support/PingProbe.h"
+#include "support/SystemFunction.h"
 
 // Pings over a cable to a peer that answers as its system does, or as the test wants it to.
 
@@ -33,10 +33,10 @@ thread_local std::deque<std::int64_t> gClock;
 
 std::atomic<int> gSleeps{0};
 
-template <typename Function>
-Function* Real(Function* /*type*/, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+SystemFunction<int(clockid_t, timespec*)> gClockGetTime{"clock_gettime"};
+SystemFunction<time_t(time_t*)> gTime{"time"};
+SystemFunction<int(int, fd_set*, fd_set*, fd_set*, timeval*)> gSelect{"select"};
+SystemFunction<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> gRecvFrom{"recvfrom"};
 
 }  // namespace
 
@@ -50,7 +50,7 @@ int clock_nanosleep(clockid_t /*clock*/, int /*flags*/, const timespec* /*time*/
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
   if (clock != CLOCK_REALTIME || gClock.empty()) {
-    return Real(&clock_gettime, "clock_gettime")(clock, now);
+    return gClockGetTime(clock, now);
   }
   *now = {gClock.front() / 10'000'000, gClock.front() % 10'000'000 * 100};
   gClock.pop_front();
@@ -58,7 +58,7 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept {
 }
 
 time_t time(time_t* result) noexcept {
-  const time_t now = Real(&time, "time")(nullptr) + gFaults.passed;
+  const time_t now = gTime(nullptr) + gFaults.passed;
   if (result != nullptr) *result = now;
   return now;
 }
@@ -68,7 +68,7 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptions, ti
     ++gFaults.passed;
     return 0;
   }
-  return Real(&select, "select")(count, readable, writable, exceptions, timeout);
+  return gSelect(count, readable, writable, exceptions, timeout);
 }
 
 ssize_t recvfrom(int descriptor, void* buffer, size_t size, int flags, sockaddr* from,
@@ -77,7 +77,7 @@ ssize_t recvfrom(int descriptor, void* buffer, size_t size, int flags, sockaddr*
     errno = gFaults.ofRecvfrom;
     return -1;
   }
-  return Real(&recvfrom, "recvfrom")(descriptor, buffer, size, flags, from, length);
+  return gRecvFrom(descriptor, buffer, size, flags, from, length);
 }
 }
 

@@ -1,7 +1,6 @@
 #include "ZuNetwork/ZuPing.h"
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <netdb.h>
@@ -20,6 +19,7 @@
 #include "support/Heap.h"
 #include "support/PingProbe.h"
 #include "support/Sanitizers.h"
+#include "support/SystemFunction.h"
 
 // The series up to its first packet: arguments, names, socket, buffers. A UDP socket stands in for
 // the raw one where no packet is looked at.
@@ -45,23 +45,25 @@ int Refuse(int err) {
   return -1;
 }
 
-template <typename Function>
-Function* Real(Function* /*type*/, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+SystemFunction<int(int, int, int)> gSocket{"socket"};
+SystemFunction<int(int, unsigned long, void*), int (*)(int, unsigned long, ...)> gIoctl{"ioctl"};
+SystemFunction<int(int, int, int, const void*, socklen_t)> gSetSockOpt{"setsockopt"};
+SystemFunction<int(const char*, const char*, const addrinfo*, addrinfo**)> gGetAddrInfo{
+    "getaddrinfo"};
+SystemFunction<int(const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int)>
+    gGetNameInfo{"getnameinfo"};
 
 }  // namespace
 
 extern "C" {
 
 int socket(int domain, int type, int protocol) noexcept {
-  const auto real = Real(&socket, "socket");
-  if ((type & SOCK_RAW) != SOCK_RAW) return real(domain, type, protocol);
+  if ((type & SOCK_RAW) != SOCK_RAW) return gSocket(domain, type, protocol);
   ++gFaults.sockets;
   gFaults.lastFamily = domain;
   if (gFaults.ofSocket != 0) return Refuse(gFaults.ofSocket);
-  if (!gFaults.isPrivileged) return real(domain, type, protocol);
-  return real(domain, SOCK_DGRAM, 0);
+  if (!gFaults.isPrivileged) return gSocket(domain, type, protocol);
+  return gSocket(domain, SOCK_DGRAM, 0);
 }
 
 int ioctl(int descriptor, unsigned long request, ...) noexcept {
@@ -70,33 +72,30 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept {
   void* const argument = va_arg(args, void*);
   va_end(args);
   if (request == FIONBIO && gFaults.ofIoctl != 0) return Refuse(gFaults.ofIoctl);
-  using Function = int(int, unsigned long, ...);
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "ioctl"))(descriptor, request, argument);
+  return gIoctl(descriptor, request, argument);
 }
 
 int setsockopt(int descriptor, int level, int option, const void* value, socklen_t size) noexcept {
   if (gFaults.ofSetsockopt != 0) return Refuse(gFaults.ofSetsockopt);
-  return Real(&setsockopt, "setsockopt")(descriptor, level, option, value, size);
+  return gSetSockOpt(descriptor, level, option, value, size);
 }
 
 int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list) {
-  const auto real = Real(&getaddrinfo, "getaddrinfo");
   const bool isText = hints != nullptr && (hints->ai_flags & AI_NUMERICHOST) != 0;
-  if (isText || name == nullptr) return real(name, service, hints, list);
+  if (isText || name == nullptr) return gGetAddrInfo(name, service, hints, list);
   ++gFaults.lookups;
   gFaults.lookedFamily = hints == nullptr ? -1 : hints->ai_family;
-  if (strcmp(name, "named.test") == 0) return real("192.0.2.7", service, hints, list);
-  if (strcmp(name, "named6.test") == 0) return real("2001:db8::7", service, hints, list);
-  if (strcmp(name, "colliding.test") == 0) return real("127.0.53.53", service, hints, list);
+  if (strcmp(name, "named.test") == 0) return gGetAddrInfo("192.0.2.7", service, hints, list);
+  if (strcmp(name, "named6.test") == 0) return gGetAddrInfo("2001:db8::7", service, hints, list);
+  if (strcmp(name, "colliding.test") == 0) return gGetAddrInfo("127.0.53.53", service, hints, list);
   if (strcmp(name, "absent.test") == 0) return EAI_NONAME;
-  return real(name, service, hints, list);
+  return gGetAddrInfo(name, service, hints, list);
 }
 
 int getnameinfo(const sockaddr* address, socklen_t size, char* host, socklen_t hostSize,
                 char* service, socklen_t serviceSize, int flags) {
   if (gFaults.ofGetnameinfo != 0) return gFaults.ofGetnameinfo;
-  return Real(&getnameinfo, "getnameinfo")(address, size, host, hostSize, service, serviceSize,
-                                           flags);
+  return gGetNameInfo(address, size, host, hostSize, service, serviceSize, flags);
 }
 
 int clock_nanosleep(clockid_t /*clock*/, int /*flags*/, const timespec* /*time*/,

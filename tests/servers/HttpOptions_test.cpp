@@ -1,4 +1,3 @@
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -10,12 +9,15 @@
 
 #include "servers/TestRequest.h"
 #include "support/RawServer.h"
+#include "support/SystemFunction.h"
 
 using testing::HasSubstr;
 
 namespace {
 
 constexpr char kReply[] = "HTTP/1.1 200 OK\r\nX-Told: yes\r\nContent-Length: 4\r\n\r\ntext";
+
+SystemFunction<int(int, int, int, const void*, socklen_t)> g_setSockOpt{"setsockopt"};
 
 // The socket options that were set in this process, by level and name.
 std::mutex g_mutex;
@@ -44,12 +46,11 @@ struct Trace {
 extern "C" __attribute__((visibility("default"))) int setsockopt(int descriptor, int level,
                                                                  int name, const void* value,
                                                                  socklen_t size) noexcept {
-  static const auto next = reinterpret_cast<decltype(&setsockopt)>(dlsym(RTLD_NEXT, "setsockopt"));
   if (size == sizeof(int)) {
     const std::lock_guard<std::mutex> lock(g_mutex);
     g_socketOptions[{level, name}] = *static_cast<const int*>(value);
   }
-  return next(descriptor, level, name, value, size);
+  return g_setSockOpt(descriptor, level, name, value, size);
 }
 
 TEST(HttpOptions, KeepAliveReachesTheSocket) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <dlfcn.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "ZuNetwork/ZuIPAddr.h"
+#include "support/SystemFunction.h"
 
 // Replaces getaddrinfo(3), freeaddrinfo(3) and getnameinfo(3), also for the shared libraries: they
 // do what they did until an answer is set up. Only for one source file of an executable.
@@ -104,40 +104,39 @@ class ReverseAnswer {
   Reverse m_reverse;
 };
 
-template <class Function>
-Function* Next(Function*, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+inline SystemFunction<int(const char*, const char*, const addrinfo*, addrinfo**)> gGetAddrInfo{
+    "getaddrinfo"};
+inline SystemFunction<void(addrinfo*)> gFreeAddrInfo{"freeaddrinfo"};
+inline SystemFunction<int(const sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int)>
+    gGetNameInfo{"getnameinfo"};
 
 }  // namespace resolver
 
 extern "C" {
 
 int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** list) {
-  static const auto next = resolver::Next(&getaddrinfo, "getaddrinfo");
   const resolver::Forward* const forward = resolver::gForward;
-  const int result =
-      forward != nullptr ? (*forward)(name, *hints, list) : next(name, service, hints, list);
+  const int result = forward != nullptr ? (*forward)(name, *hints, list)
+                                        : resolver::gGetAddrInfo(name, service, hints, list);
   if ((result == 0 || forward != nullptr) && *list != nullptr) ++resolver::gLists;
   return result;
 }
 
 void freeaddrinfo(addrinfo* list) noexcept {
-  static const auto next = resolver::Next(&freeaddrinfo, "freeaddrinfo");
   if (list == nullptr) return;
   --resolver::gLists;
   if (list->ai_canonname == resolver::gFakeMark) {
     resolver::FreeFakeList(list);
   } else {
-    next(list);
+    resolver::gFreeAddrInfo(list);
   }
 }
 
 int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t size,
                 char* service, socklen_t service_size, int flags) {
-  static const auto next = resolver::Next(&getnameinfo, "getnameinfo");
   const resolver::Reverse* const reverse = resolver::gReverse;
-  return reverse != nullptr ? (*reverse)(address, length, host, size, flags)
-                            : next(address, length, host, size, service, service_size, flags);
+  return reverse != nullptr
+             ? (*reverse)(address, length, host, size, flags)
+             : resolver::gGetNameInfo(address, length, host, size, service, service_size, flags);
 }
 }
