@@ -21,8 +21,8 @@ boost::shared_ptr<FXErrorItem> MakeItem(const FXCodeLocation& location, int code
   return boost::make_shared<FXErrorItemKdCURL>(location, code);
 }
 
-boost::shared_ptr<FXErrorItem> MakeItem(const FXCodeLocation& location, int code,
-                                        const char* format, va_list args) {
+__attribute__((format(printf, 3, 0))) boost::shared_ptr<FXErrorItem> MakeItem(
+    const FXCodeLocation& location, int code, const char* format, va_list args) {
   if (format == nullptr || *format == '\0') return MakeItem(location, code);
   std::string description;
   if (Failed(FXString::FormatArgList(description, format, args))) {

@@ -307,7 +307,7 @@ void FileSource::Close() {
 size_t FileSource::Read(char* buffer, size_t size, size_t count, void* instance) {
   auto* const source = static_cast<FileSource*>(instance);
   size_t wanted = size * count;
-  if (source->m_size != -1) wanted = std::min<std::uint64_t>(wanted, source->m_left);
+  if (source->m_size != -1) wanted = std::min(wanted, static_cast<size_t>(source->m_left));
   if (wanted == 0) return 0;
   const ssize_t length = source->ReadOnce(buffer, wanted);
   if (length == -1) return CURL_READFUNC_ABORT;

@@ -93,7 +93,7 @@ void AppendItem(const FXErrorItem& item, std::string& text) {
 }
 
 // A format that cannot be rendered still says more than no message.
-std::string FormatMessage(const char* fmt, va_list args) {
+__attribute__((format(printf, 1, 0))) std::string FormatMessage(const char* fmt, va_list args) {
   std::string message;
   if (Failed(FXString::FormatArgList(message, fmt, args)) && fmt != nullptr) message.assign(fmt);
   return message;
