@@ -115,6 +115,18 @@ test_servers_are_unpacked() {
   expect "what is not is unpacked" 'download .*vsftpd'
 }
 
+test_other_compilers() {
+  new_machine
+  dev compilers
+  expect "they are installed" '^apt-get install .*g[+][+]-11 clang'
+  expect "GCC" '^cmake --preset dev -B build/g[+][+]-11 .*_CXX_COMPILER=g[+][+]-11 .*_C_COMPILER=gcc-11'
+  expect "Clang" '^cmake --preset dev -B build/clang[+][+]-14 .*_CXX_COMPILER=clang[+][+]-14 .*=clang-14'
+  expect "their tests run" '^ctest --test-dir build/clang[+][+]-14 .*--label-regex unit'
+  new_machine
+  dev compilers g++-13
+  expect "any other" '^cmake --preset dev -B build/g[+][+]-13'
+}
+
 test_presets_may_be_left_out() {
   new_machine
   dev test -R Name
@@ -150,6 +162,7 @@ test_without_rights() {
 
 test_each_command_gets_what_it_needs
 test_servers_are_unpacked
+test_other_compilers
 test_presets_may_be_left_out
 test_without_rights
 exit $((failures > 0))
