@@ -150,13 +150,14 @@ TEST_P(ZunetSecretsOf, AreNotPrinted) {
 TEST_F(ZunetSecrets, TraceShowsEverythingElse) {
   RawServer server(
       {RawServer::Answer("HTTP/1.1 401 No\r\nWWW-Authenticate: Basic realm=\"here\"\r\n"
-                         "X-Thing: seen\r\nContent-Length: 0\r\n\r\n")});
+                         "X-Thing: seen\x1b[31m\r\nContent-Length: 0\r\n\r\n")});
   const Outcome outcome = RunZunet("get '" + Local("http", server.Port(), "/x?a=seen2&key=k3y") +
                                    "' -v -H 'X-Other: seen3' --limit-time 5");
-  EXPECT_THAT(outcome.err, AllOf(HasSubstr("> GET /x?a=seen2&key=(not shown) HTTP/1.1"),
-                                 HasSubstr("< HTTP/1.1 401"), HasSubstr("< X-Thing: seen\n"),
-                                 HasSubstr("> X-Other: seen3\n"),
-                                 HasSubstr("< WWW-Authenticate: Basic realm=\"here\"")));
+  EXPECT_THAT(
+      outcome.err,
+      AllOf(HasSubstr("> GET /x?a=seen2&key=(not shown) HTTP/1.1"), HasSubstr("< HTTP/1.1 401"),
+            HasSubstr("< X-Thing: seen\\x1b[31m\n"), HasSubstr("> X-Other: seen3\n"),
+            HasSubstr("< WWW-Authenticate: Basic realm=\"here\"")));
 }
 
 TEST_F(ZunetSecrets, PasswordIsThatOfTheEnvironmentWhenNoneIsGiven) {

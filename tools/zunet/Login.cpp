@@ -96,9 +96,9 @@ std::pair<std::string, std::string> NameAndPassword(const SessionOptions& option
 std::string ReadPassPhrase(const std::string& path) {
   char* content = nullptr;
   size_t length = 0;
-  const CZuError error = CZuFile::ReadWholeFile(path.c_str(), &content, length);
+  CZuError error = CZuFile::ReadWholeFile(path.c_str(), &content, length);
   if (FXErrorUtil::IsWin32(error, kErrorEmpty)) return "";
-  ExitOnFailure(error);
+  if (Failed(error)) ExitOnFailure(error.Push(ZU_HERE, "Failed to read %s", path.c_str()));
   const std::unique_ptr<char[]> owner(content);
   std::string phrase(content, length);
   FXString::TrimRight(phrase, "\r\n");

@@ -8,6 +8,7 @@
 
 #include "Commands.h"
 #include "Login.h"
+#include "Output.h"
 #include "Progress.h"
 #include "Secrets.h"
 #include "Signals.h"
@@ -250,7 +251,8 @@ int Session::Trace(void* /*handle*/, void* infoType, char* data, unsigned long s
   std::string_view rest(data, size);
   while (!rest.empty()) {
     const size_t end = std::min(rest.find('\n'), rest.size());
-    std::fprintf(stderr, "%s%s\n", prefix, Redacted(Trimmed(rest.substr(0, end))).c_str());
+    std::fprintf(stderr, "%s%s\n", prefix,
+                 Printable(Redacted(Trimmed(rest.substr(0, end)))).c_str());
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
   return 0;

@@ -1,13 +1,11 @@
 #include <unistd.h>
 
-#include <memory>
 #include <utility>
 
 #include "Commands.h"
+#include "Login.h"
 #include "ZuNetwork/CurlWrapper.h"
 #include "ZuNetwork/KdTransferIO.h"
-#include "ZuUtils/FXString.h"
-#include "ZuUtils/ZuFile.h"
 
 namespace {
 
@@ -17,17 +15,6 @@ struct Arguments {
   std::string passPhraseFile;
   std::string output;
 };
-
-// A file as text; an empty one is an empty text.
-std::string ReadText(const std::string& path) {
-  char* content = nullptr;
-  size_t length = 0;
-  CZuError error = CZuFile::ReadWholeFile(path.c_str(), &content, length);
-  if (FXErrorUtil::IsWin32(error, kErrorEmpty)) return "";
-  if (Failed(error)) ExitOnFailure(error.Push(ZU_HERE, "Failed to read %s", path.c_str()));
-  const std::unique_ptr<char[]> owner(content);
-  return {content, length};
-}
 
 const char* AdviceFor(const CZuError& error) {
   constexpr std::pair<int, const char*> kAdvice[] = {
@@ -43,8 +30,7 @@ const char* AdviceFor(const CZuError& error) {
 
 void Sign(const Arguments& arguments) {
   std::string passPhrase;
-  if (!arguments.passPhraseFile.empty()) passPhrase = ReadText(arguments.passPhraseFile);
-  FXString::TrimRight(passPhrase, "\r\n");
+  if (!arguments.passPhraseFile.empty()) passPhrase = ReadPassPhrase(arguments.passPhraseFile);
   std::string signature;
   CZuError error = CurlWrapper::gCurlWrapper.SignFileSHA256withRSA(arguments.key, arguments.file,
                                                                    passPhrase, signature);

@@ -18,7 +18,7 @@ void AddConnectionOptions(CLI::App& command, SessionOptions& session) {
   command.add_flag("--insecure-redirects", session.isDowngraded,
                    "Follow redirects from https to http");
   command.add_option("--proxy", session.proxy,
-                     "Go through \"[http://|https://|socks5://…][name:password@]host[:port]\"; the "
+                     "Go through \"[SCHEME://][name:password@]host[:port]\"; the "
                      "port is 1080 without one");
   command.add_option("--proxy-auth", session.proxyAuth, "How the proxy is told who asks")
       ->check(CLI::IsMember({"basic", "digest", "any"}));
