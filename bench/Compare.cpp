@@ -7,7 +7,7 @@
 namespace {
 
 constexpr double kTurnNanoseconds = 10e6;
-constexpr int kFewestTurns = 15;
+constexpr int kFewestTurns = 31;
 constexpr int kMostRounds = 3;
 
 double Quantile(std::vector<double> values, double part) {

@@ -169,16 +169,16 @@ void Ftp(benchmark::State& state, bool isUpload) {
                   password,
                   "",
                   true,
-                  "128MiB.bin",
-                  folder + std::string("/128MiB.bin"),
-                  "in/128MiB.bin",
-                  size_t{128} << 20};
+                  "64MiB.bin",
+                  folder + std::string("/64MiB.bin"),
+                  "in/64MiB.bin",
+                  size_t{64} << 20};
   Compare(state, Ratio(1.02), Transfer<Ours<KdCURL::KdFTPReq>>(Operation(isUpload), peer, isUpload),
           Transfer<Same>(kSameOptions, peer, isUpload),
           {Transfer<PocoFtp>("POCO", peer, isUpload)});
 }
-ROW_OF(Ftp, "FTP/Download128MiB", false);
-ROW_OF(Ftp, "FTP/Upload128MiB", true);
+ROW_OF(Ftp, "FTP/Download64MiB", false);
+ROW_OF(Ftp, "FTP/Upload64MiB", true);
 
 void Sftp(benchmark::State& state, bool isUpload) {
   const char* const server = FromEnvironment(state, "ZUNETWORK_BENCH_SFTP");
@@ -186,14 +186,14 @@ void Sftp(benchmark::State& state, bool isUpload) {
   const char* const key = FromEnvironment(state, "ZUNETWORK_BENCH_SFTP_KEY");
   const char* const folder = FromEnvironment(state, "ZUNETWORK_BENCH_FILES");
   if (server == nullptr || user == nullptr || key == nullptr || folder == nullptr) return;
-  const std::string file = folder + std::string("/32MiB.bin");
+  const std::string file = folder + std::string("/16MiB.bin");
   const std::string remote = file.substr(1);  // the slash that ends the server is the first one
-  const Peer peer{server, user, "", key, false, remote, file, remote + ".in", size_t{32} << 20};
+  const Peer peer{server, user, "", key, false, remote, file, remote + ".in", size_t{16} << 20};
   Compare(state, Ratio(1.02),
           Transfer<Ours<KdCURL::KdSFTPReq>>(Operation(isUpload), peer, isUpload),
           Transfer<Same>(kSameOptions, peer, isUpload));
 }
-ROW_OF(Sftp, "SFTP/Download32MiB", false);
-ROW_OF(Sftp, "SFTP/Upload32MiB", true);
+ROW_OF(Sftp, "SFTP/Download16MiB", false);
+ROW_OF(Sftp, "SFTP/Upload16MiB", true);
 
 }  // namespace
