@@ -209,7 +209,7 @@ def plot_script(rows, path):
     tics = ", ".join(f"'{name}' {place}" for place, name in enumerate(rows))
     height = 70 + max(24 * len(rows), 18 * len(curves))
     return f"""{''.join(data)}
-set terminal svg size 860,{height} font 'sans-serif,12' background '#ffffff'
+set terminal svg size 860,{height} name '{path.stem}' font 'sans-serif,12' background '#ffffff'
 set output '{path}'
 set key outside right center vertical Left reverse
 set logscale x
