@@ -130,7 +130,7 @@ class ZUNETWORK_API CurlWrapper {
 
  protected:
   template <typename Function>
-  Function Find(const char* name);
+  ZUNETWORK_LOCAL Function Find(const char* name);
 
   std::atomic<bool> m_bInit{false};
   CZuLibrary mZuLibrary{true};

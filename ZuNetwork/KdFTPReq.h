@@ -80,7 +80,7 @@ class ZUNETWORK_API KdFTPReq : public KdProtocolReq {
   curl_slist* m_headerList = nullptr;  // owned; the lines given to CURLOPT_QUOTE
 
  private:
-  CZuError OpenSourceFile(const FXCodeLocation& where);
+  ZUNETWORK_LOCAL CZuError OpenSourceFile(const FXCodeLocation& where);
 };
 
 }  // namespace KdCURL

@@ -105,9 +105,9 @@ class ZUNETWORK_API KdHTTPReq : public KdProtocolReq {
                                    const std::string& fieldValue) {
     return {copyName, fieldName, fieldValue};
   }
-  CZuError SetPostBuffer(const FXCodeLocation& where);
-  CZuError SetCustomRequest(const FXCodeLocation& where);
-  void FreeForm();
+  ZUNETWORK_LOCAL CZuError SetPostBuffer(const FXCodeLocation& where);
+  ZUNETWORK_LOCAL CZuError SetCustomRequest(const FXCodeLocation& where);
+  ZUNETWORK_LOCAL void FreeForm();
 
   std::string m_postBody;  // what the handle points to after a POST of a buffer
 };

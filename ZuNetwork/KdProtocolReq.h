@@ -404,9 +404,10 @@ class ZUNETWORK_API KdProtocolReq {
   long m_responseCode = 0;
 
   bool m_bLenientListing = false;
+  bool m_bIsPut = false;             // the upload that runs is that of putFile()
+  bool m_bWriteDataUnset = false;    // the handle's own writer needs its stream back
   std::int64_t m_lResumeOffset = 0;  // of the next transfer
   FileSource m_sourceFile;           // what an upload reads by itself; closed after each request
-  bool m_bIsPut = false;             // the upload that runs is that of putFile()
   // What of the next request has a line break or zero byte where none may be; null: nothing.
   const char* m_refusedField = nullptr;
   std::string m_strLocalFault;  // what was found wrong here while it was prepared; told if it fails
@@ -428,25 +429,26 @@ class ZUNETWORK_API KdProtocolReq {
     std::variant<long, std::string> value;
   };
 
-  const char* ErrorText() const;
-  CZuError CheckFields(const FXCodeLocation& where) const;
-  CZuError& PushDetails(CZuError& error, const FXCodeLocation& where, int curlCode) const;
-  CZuError KeepOption(const FXCodeLocation& where, CallersOption option);
-  CZuError SetCallersOption(const CallersOption& option);
-  CZuError SendOperation(const FXCodeLocation& where);
+  ZUNETWORK_LOCAL const char* ErrorText() const;
+  ZUNETWORK_LOCAL CZuError CheckFields(const FXCodeLocation& where) const;
+  ZUNETWORK_LOCAL CZuError& PushDetails(CZuError& error, const FXCodeLocation& where,
+                                        int curlCode) const;
+  ZUNETWORK_LOCAL CZuError KeepOption(const FXCodeLocation& where, CallersOption option);
+  ZUNETWORK_LOCAL CZuError SetCallersOption(const CallersOption& option);
+  ZUNETWORK_LOCAL CZuError SendOperation(const FXCodeLocation& where);
 
   // Sends a body with a size: with POST when `method` is null.
-  CZuError SendBody(const FXCodeLocation& where, const char* method, const char* urlPath,
-                    const char* body, long size, const std::vector<commandInfo>& vCommandInfo);
-  void SetCallBack(CURLoption dataOption, CURLoption functionOption, void* instance,
-                   curl_write_callback function);
-  void SetCallBacks();
-  void UnsetCallBacks();
+  ZUNETWORK_LOCAL CZuError SendBody(const FXCodeLocation& where, const char* method,
+                                    const char* urlPath, const char* body, long size,
+                                    const std::vector<commandInfo>& vCommandInfo);
+  ZUNETWORK_LOCAL void SetCallBack(CURLoption dataOption, CURLoption functionOption, void* instance,
+                                   curl_write_callback function);
+  ZUNETWORK_LOCAL void SetCallBacks();
+  ZUNETWORK_LOCAL void UnsetCallBacks();
 
   std::list<Connection> m_connections;        // one for each initialize()
   std::string m_strWorkingURL;                // of the last request, as far as it was composed
   const char* m_refusedProxyField = nullptr;  // as m_refusedField, of all requests
-  bool m_bWriteDataUnset = false;
   std::vector<CallersOption> m_callersOptions;
 };
 

@@ -68,15 +68,16 @@ class ZUNETWORK_API FileSink {
   static std::size_t Write(char* data, std::size_t size, std::size_t count, void* instance);
 
  private:
-  CZuError Locate(const FXCodeLocation& where, const std::string& path);
-  CZuError OpenDirectly(const FXCodeLocation& where);
-  CZuError OpenBeside(const FXCodeLocation& where);
-  CZuError OpenPart(const FXCodeLocation& where, std::int64_t& offset);
-  CZuError LockPart(const FXCodeLocation& where, const std::string& path, std::int64_t& offset);
-  bool WriteAll(const char* data, std::size_t size);
-  CZuError Finish(const FXCodeLocation& where);
-  int CloseFile();
-  void GiveUp();
+  ZUNETWORK_LOCAL CZuError Locate(const FXCodeLocation& where, const std::string& path);
+  ZUNETWORK_LOCAL CZuError OpenDirectly(const FXCodeLocation& where);
+  ZUNETWORK_LOCAL CZuError OpenBeside(const FXCodeLocation& where);
+  ZUNETWORK_LOCAL CZuError OpenPart(const FXCodeLocation& where, std::int64_t& offset);
+  ZUNETWORK_LOCAL CZuError LockPart(const FXCodeLocation& where, const std::string& path,
+                                    std::int64_t& offset);
+  ZUNETWORK_LOCAL bool WriteAll(const char* data, std::size_t size);
+  ZUNETWORK_LOCAL CZuError Finish(const FXCodeLocation& where);
+  ZUNETWORK_LOCAL int CloseFile();
+  ZUNETWORK_LOCAL void GiveUp();
 
   int m_descriptor = -1;
   int m_lock = -1;  // the part's, on a descriptor of its own
@@ -135,12 +136,12 @@ class ZUNETWORK_API FileSource {
   static int Seek(void* instance, curl_off_t offset, int origin);
 
  private:
-  ssize_t ReadOnce(char* buffer, std::size_t size);
+  ZUNETWORK_LOCAL ssize_t ReadOnce(char* buffer, std::size_t size);
 
   int m_descriptor = -1;
+  int m_readError = 0;
   std::int64_t m_size = -1;  // of a sized file; -1: to the end
   std::int64_t m_left = 0;   // of m_size
-  int m_readError = 0;
 };
 
 // Sends bytes of the caller's, which need to live as long as the object is used.
