@@ -132,6 +132,25 @@ TEST_F(ZunetQuery, SizeIsThatOfTheFileAlone) {
   }
 }
 
+TEST_F(ZunetQuery, HeadPrintsStatusAndHeadersOfTheLastAnswer) {
+  WriteFile(Served("files/a.txt"), "12345");
+  for (const char* path : {"/files/a.txt", "/moved"}) {
+    const Outcome found = RunZunet("head " + Url(path));
+    EXPECT_EQ(found.status, 0) << path;
+    EXPECT_THAT(found.out, testing::StartsWith("HTTP/1.1 200 OK\nServer: nginx")) << path;
+    EXPECT_THAT(found.out, AllOf(HasSubstr("\nContent-Length: 5\n"), Not(HasSubstr("302")),
+                                 Not(HasSubstr("\r"))));
+  }
+  const Outcome missing = RunZunet("head " + Url("/files/none"));
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_THAT(missing.out, testing::StartsWith("HTTP/1.1 404 Not Found\n"));
+  EXPECT_THAT(missing.err, HasSubstr("404"));
+  const RawServer odd({RawServer::Answer("HTTP/1.1 200 OK\r\nX-Odd: a\x1b[31m\r\n\r\n")});
+  EXPECT_THAT(RunZunet("head " + Local("http", odd.Port(), "/")).out,
+              HasSubstr("X-Odd: a\\x1b[31m\n"));
+  EXPECT_GT(RunZunet("head ftp://127.0.0.1/").status, 100);
+}
+
 TEST_F(ZunetQuery, ListShowsTheEntriesOfAFolder) {
   WriteFile(Served("files/a b.txt"), "");
   WriteFile(Served("files/folder/x"), "");

@@ -5,13 +5,14 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <memory>
+#include <sstream>
 
 #include "Commands.h"
 #include "Output.h"
 #include "Signals.h"
 #include "Transfer.h"
 #include "ZuNetwork/KdErrorItem_KdCURL.h"
+#include "ZuUtils/FXString.h"
 
 namespace {
 
@@ -135,6 +136,19 @@ void Size(const TransferArguments& arguments) {
   char text[64];
   std::snprintf(text, sizeof text, "%.0f", size);
   PrintLine(text);
+}
+
+void Head(const TransferArguments& arguments) {
+  Session session(arguments.url, arguments.session);
+  if (session.Http() == nullptr) throw CLI::ValidationError("URL: head is for HTTP alone");
+  const CZuError error = Ask(session, KdCURL::OP_GET_INFO, Discard);
+  std::istringstream text(session.Header().Text());
+  for (std::string line; std::getline(text, line);) {
+    FXString::TrimRight(line, "\r");
+    if (!line.empty()) PrintLine(Printable(line));
+  }
+  FlushOutput();
+  session.ExitUnlessDone(error);
 }
 
 void Exists(const TransferArguments& arguments) {

@@ -47,8 +47,10 @@ std::pair<std::string_view, std::string_view> FieldOf(std::string_view line) {
 }  // namespace
 
 void AnswerHeader::Take(std::string_view line) {
-  if (m_isComplete) m_fields.clear();
+  constexpr size_t kLongestText = 1 << 20;
+  if (m_isComplete) *this = {};
   m_isComplete = Trimmed(line).empty();
+  if (m_text.size() < kLongestText) m_text += line;
   const auto [field, value] = FieldOf(line);
   for (const char* const name : {"ETag", "Last-Modified", "Date", "Content-Range"}) {
     if (EqualsIgnoringCase(field, name)) m_fields[name] = value;

@@ -38,8 +38,12 @@ class AnswerHeader {
   // The value of ETag, Last-Modified, Date or Content-Range; empty without one.
   std::string Find(const std::string& name) const;
 
+  // All of it as it came, unless it is absurdly long.
+  const std::string& Text() const { return m_text; }
+
  private:
   std::map<std::string, std::string> m_fields;
+  std::string m_text;
   bool m_isComplete = false;
 };
 

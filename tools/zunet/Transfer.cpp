@@ -109,6 +109,9 @@ void AddTransferCommands(CLI::App& app) {
   AddUrl(AddCommand(app, "delete", "Delete a file", arguments, Delete), arguments);
   AddUrl(AddCommand(app, "ls", "List a folder", arguments, List), arguments);
   AddUrl(AddCommand(app, "size", "Print the size of a file", arguments, Size), arguments);
+  AddUrl(AddCommand(app, "head", "Print the status and the headers of an answer (HTTP)", arguments,
+                    Head),
+         arguments);
   AddUrl(AddCommand(app, "exists", "Tell whether a file, or a folder (ending in a slash), exists",
                     arguments, Exists),
          arguments);

@@ -24,6 +24,7 @@ void Post(const TransferArguments& arguments);
 void Delete(const TransferArguments& arguments);
 void List(const TransferArguments& arguments);
 void Size(const TransferArguments& arguments);
+void Head(const TransferArguments& arguments);
 void Exists(const TransferArguments& arguments);
 
 // Receives the answer of one operation: what was asked for goes to the sink, the page that comes
