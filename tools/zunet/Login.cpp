@@ -109,13 +109,14 @@ std::string HomeFolder() {
   const char* const home = std::getenv("HOME");
   if (home != nullptr && *home != '\0') return home;
   const passwd* const account = getpwuid(geteuid());
-  if (account == nullptr || account->pw_dir == nullptr || *account->pw_dir == '\0') {
-    ExitOnFailure(FXErrorUtil::ErrorInt(
-        ZU_HERE, kErrorBadInput,
-        "No home folder, so there is no file of known hosts to check the server's key with; name "
-        "one with --known-hosts"));
+  if (account != nullptr && account->pw_dir != nullptr && *account->pw_dir != '\0') {
+    return account->pw_dir;
   }
-  return account->pw_dir;
+  ExitOnFailure(FXErrorUtil::ErrorInt(
+      ZU_HERE, kErrorBadInput,
+      "No home folder, so there is no file of known hosts to check the server's key with; name one "
+      "with --known-hosts"));
+  return {};
 }
 
 std::string RefusedHostKey(const Url& url, const std::string& knownHosts, bool isOther) {
