@@ -196,7 +196,8 @@ void CZuIPAddrBlacklist::Remove(Slot& slot) {
   // What stands behind moves up as far as it would have been put without the entry.
   const std::size_t mask = m_index.size() - 1;
   auto hole = static_cast<std::size_t>(&slot - m_index.data());
-  for (std::size_t place = After(hole); m_index[place].hash != 0; place = After(place)) {
+  for (std::size_t place = (hole + 1) & mask; m_index[place].hash != 0;
+       place = (place + 1) & mask) {
     const std::size_t fromHome = (place - m_index[place].hash) & mask;
     if (fromHome < ((place - hole) & mask)) continue;
     m_index[hole] = m_index[place];
@@ -205,19 +206,16 @@ void CZuIPAddrBlacklist::Remove(Slot& slot) {
   m_index[hole] = {};
 }
 
-std::size_t CZuIPAddrBlacklist::After(std::size_t place) const {
-  return (place + 1) & (m_index.size() - 1);
-}
-
 // The slot of the address, or the empty one where it would be.
 CZuIPAddrBlacklist::Slot& CZuIPAddrBlacklist::FindSlot(const CZuIPAddr& addr, std::uint32_t hash) {
-  std::size_t place = hash & (m_index.size() - 1);
-  while (m_index[place].hash != 0) {
-    const Slot& slot = m_index[place];
-    if (slot.hash == hash && slot.Entry()->m_addr == addr) break;
-    place = After(place);
+  const std::size_t mask = m_index.size() - 1;
+  Slot* const slots = m_index.data();
+  std::size_t place = hash & mask;
+  while (slots[place].hash != 0) {
+    if (slots[place].hash == hash && slots[place].Entry()->m_addr == addr) break;
+    place = (place + 1) & mask;
   }
-  return m_index[place];
+  return slots[place];
 }
 
 // For one more entry: four places in five are used at most, which keeps the way to a free one
@@ -226,10 +224,11 @@ void CZuIPAddrBlacklist::MakeRoomInIndex() {
   if ((m_blacklist.size() + 1) * 5 <= m_index.size() * 4) return;
   std::vector<Slot> old(2 * m_index.size());
   old.swap(m_index);
+  const std::size_t mask = m_index.size() - 1;
   for (const Slot& slot : old) {
     if (slot.hash == 0) continue;
-    std::size_t place = slot.hash & (m_index.size() - 1);
-    while (m_index[place].hash != 0) place = After(place);
+    std::size_t place = slot.hash & mask;
+    while (m_index[place].hash != 0) place = (place + 1) & mask;
     m_index[place] = slot;
   }
 }

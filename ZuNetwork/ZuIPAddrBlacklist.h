@@ -114,7 +114,6 @@ class ZUNETWORK_API CZuIPAddrBlacklist {
  private:
   ZUNETWORK_LOCAL bool ForgiveAttempts(Entries::iterator entry);
   ZUNETWORK_LOCAL void Remove(Slot& slot);
-  ZUNETWORK_LOCAL std::size_t After(std::size_t place) const;
   ZUNETWORK_LOCAL Slot& FindSlot(const CZuIPAddr& addr, std::uint32_t hash);
   ZUNETWORK_LOCAL void MakeRoomInIndex();
   ZUNETWORK_LOCAL CZuError AddAllAddressesOf(const FXCodeLocation& where, const char* hostName);
