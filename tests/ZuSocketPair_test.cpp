@@ -32,16 +32,16 @@ class ZuSocketAccept : public SocketTest, public testing::WithParamInterface<con
  protected:
   void SetUp() override {
     OwnedSocket probe;
-    if (Failed(probe.Bind(AddressOf(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
+    if (Failed(probe.Bind(Address(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
     ASSERT_NO_FATAL_FAILURE(ListenOn(GetParam(), listener, address));
-    listener.AttachConnectedSocket(listener.GetDescriptor(), AddressOf("10.1.2.3", 4));
+    listener.AttachConnectedSocket(listener.GetDescriptor(), Address("10.1.2.3", 4));
     descriptor = listener.GetDescriptor();
   }
 
   void TearDown() override {
     if (IsSkipped()) return;
     EXPECT_EQ(listener.GetDescriptor(), descriptor) << "the listener stays as it was";
-    EXPECT_EQ(TextOf(listener.GetAddress()), "10.1.2.3");
+    EXPECT_EQ(Text(listener.GetAddress()), "10.1.2.3");
     EXPECT_TRUE(IsOpen(descriptor));
   }
 
@@ -69,7 +69,7 @@ TEST_P(ZuSocketAccept, TakesTheConnectionWithThePeersAddress) {
     EXPECT_EQ(timedOut, 0);
     CZuIPAddr local;
     ASSERT_OK(client.GetLocalAddress(local));
-    EXPECT_EQ(TextOf(accepted.GetAddress()), GetParam());
+    EXPECT_EQ(Text(accepted.GetAddress()), GetParam());
     EXPECT_EQ(accepted.GetAddress().GetPortNumber(), local.GetPortNumber());
     accepted.Close();
     client.Close();
@@ -361,7 +361,7 @@ TEST_F(ZuSocketPair, IsMadeOverLoopBackOfEitherFamily) {
   for (const char* const text : {"127.0.0.1", "::1"}) {
     SCOPED_TRACE(text);
     OwnedSocket probe;
-    if (Failed(probe.Bind(AddressOf(text)))) continue;
+    if (Failed(probe.Bind(Address(text)))) continue;
     const LocalhostIs localhost(text);
     ASSERT_OK(Make());
     EXPECT_EQ(OptionOf(first, SOL_SOCKET, SO_TYPE), SOCK_STREAM);
@@ -369,7 +369,7 @@ TEST_F(ZuSocketPair, IsMadeOverLoopBackOfEitherFamily) {
     CZuIPAddr local;
     ASSERT_OK(first.GetLocalAddress(local));
     EXPECT_TRUE(first.GetAddress() == CZuIPAddr()) << "the connecting one keeps no address";
-    EXPECT_EQ(TextOf(second.GetAddress()), text);
+    EXPECT_EQ(Text(second.GetAddress()), text);
     EXPECT_EQ(second.GetAddress().GetPortNumber(), local.GetPortNumber());
     first.Close();
     second.Close();
@@ -412,7 +412,7 @@ TEST_F(ZuSocketPair, BlockingPairIsStillAPair) {
 }
 
 TEST_F(ZuSocketPair, FirstMayHoldAnUnconnectedSocket) {
-  ASSERT_OK(first.Bind(AddressOf("127.0.0.1")));
+  ASSERT_OK(first.Bind(Address("127.0.0.1")));
   const int descriptor = first.GetDescriptor();
   const LocalhostIs localhost("127.0.0.1");
   ASSERT_OK(Make());
@@ -471,8 +471,8 @@ void ExpectStepFailure(const FailingStep& step, const CZuError& error) {
 }
 
 TEST_F(ZuSocketPair, UnknownLocalhostLeavesBothObjects) {
-  first.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3", 4));
-  second.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.4", 5));
+  first.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.3", 4));
+  second.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.4", 5));
   const Replacement unknown(
       system_calls::gGetAddrInfo,
       [](const char*, const char*, const addrinfo*, addrinfo**) { return EAI_NONAME; });
@@ -483,8 +483,8 @@ TEST_F(ZuSocketPair, UnknownLocalhostLeavesBothObjects) {
   EXPECT_EQ(error.AsString().find("Couldn't"), std::string::npos);
   EXPECT_TRUE(gListened.empty());
   EXPECT_TRUE(gClosed.empty());
-  EXPECT_EQ(TextOf(first.GetAddress()), "10.1.2.3");
-  EXPECT_EQ(TextOf(second.GetAddress()), "10.1.2.4");
+  EXPECT_EQ(Text(first.GetAddress()), "10.1.2.3");
+  EXPECT_EQ(Text(second.GetAddress()), "10.1.2.4");
 }
 
 TEST_F(ZuSocketPair, FailuresOfTheListenerLeaveBothObjects) {
@@ -492,8 +492,8 @@ TEST_F(ZuSocketPair, FailuresOfTheListenerLeaveBothObjects) {
     SCOPED_TRACE(step.name);
     OwnedSocket left;
     OwnedSocket right;
-    left.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3", 4));
-    right.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.4", 5));
+    left.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.3", 4));
+    right.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.4", 5));
     const CZuSocket leftBefore = left;
     const CZuSocket rightBefore = right;
     const std::ptrdiff_t before = OpenDescriptors();
@@ -502,8 +502,8 @@ TEST_F(ZuSocketPair, FailuresOfTheListenerLeaveBothObjects) {
     ExpectStepFailure(step, CZuSocket::CreateSocketPair(&left, &right));
     EXPECT_TRUE(fault.HasHappened());
     EXPECT_TRUE(left == leftBefore && right == rightBefore);
-    EXPECT_EQ(TextOf(left.GetAddress()), "10.1.2.3");
-    EXPECT_EQ(TextOf(right.GetAddress()), "10.1.2.4");
+    EXPECT_EQ(Text(left.GetAddress()), "10.1.2.3");
+    EXPECT_EQ(Text(right.GetAddress()), "10.1.2.4");
     EXPECT_EQ(OpenDescriptors(), before);
     EXPECT_LE(gClosed.size(), 1u) << "the listener alone";
   }
@@ -515,7 +515,7 @@ TEST_F(ZuSocketPair, LaterFailuresCloseAndEmptyBothObjects) {
     const std::ptrdiff_t before = OpenDescriptors();
     OwnedSocket left;
     OwnedSocket right;
-    left = AddressOf("10.1.2.3", 4);
+    left = Address("10.1.2.3", 4);
     RecordHooks();
     const Fault fault(step.function, step.err, step.number);
     ExpectStepFailure(step, CZuSocket::CreateSocketPair(&left, &right));
@@ -532,7 +532,7 @@ TEST_F(ZuSocketPair, LaterFailuresCloseAndEmptyBothObjects) {
 }
 
 TEST_F(ZuSocketPair, FailedConnectLeavesTheSecondObject) {
-  second.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.4", 5));
+  second.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.4", 5));
   const int descriptor = second.GetDescriptor();
   const Fault fault(system_calls::gConnect, ECONNREFUSED);
   EXPECT_FAILS(Make(), ErrNoCode(ECONNREFUSED), "Couldn't connect socket pair");

@@ -244,14 +244,14 @@ TEST_F(ZuSocketSelector, SecondRegistrationKeepsTheFirstObject) {
   CZuSocketSelector selector;
   CZuSocket early;
   CZuSocket late;
-  early.AttachConnectedSocket(first.GetDescriptor(), AddressOf("10.0.0.1"));
-  late.AttachConnectedSocket(first.GetDescriptor(), AddressOf("10.0.0.2"));
+  early.AttachConnectedSocket(first.GetDescriptor(), Address("10.0.0.1"));
+  late.AttachConnectedSocket(first.GetDescriptor(), Address("10.0.0.2"));
   selector.SetWriteSocket(early);
   selector.SetWriteSocket(late);
   ASSERT_OK(selector.Select(&kLong, &timedOut));
   const ZuSocketSet selected = selector.GetWriteSelected();
   ASSERT_EQ(selected.size(), 1u);
-  EXPECT_EQ(TextOf(selected.begin()->GetAddress()), "10.0.0.1");
+  EXPECT_EQ(Text(selected.begin()->GetAddress()), "10.0.0.1");
   selector.ClearWriteSocket(late);
   ASSERT_OK(selector.Select(&kNow, &timedOut));
   EXPECT_TRUE(timedOut) << "removed at once";

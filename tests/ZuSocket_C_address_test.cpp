@@ -63,8 +63,8 @@ TEST(ComparingAddresses, ComparesTheGivenBits) {
       {"127.0.0.1", "::ffff:127.0.0.1", 0, 0},
   };
   for (const Comparison& c : comparisons) {
-    ZUNET_SockAddr left = MakeAddress(c.left, 1);
-    ZUNET_SockAddr right = MakeAddress(c.right, 2);
+    ZUNET_SockAddr left = SockAddr(c.left, 1);
+    ZUNET_SockAddr right = SockAddr(c.right, 2);
     EXPECT_EQ(ZUNET_addrequal(&left, &right, c.bits, 0), c.expected)
         << c.left << " " << c.right << " " << c.bits;
     EXPECT_EQ(ZUNET_addrequal(&right, &left, c.bits, 0), c.expected)
@@ -76,7 +76,7 @@ TEST(ComparingAddresses, EveryBitOfTheAddressCountsFromItsPlaceOn) {
   for (const Loopback& loopback : kLoopbacks) {
     const int width = loopback.family == AF_INET ? 32 : 128;
     for (int bit = 0; bit < width; ++bit) {
-      ZUNET_SockAddr left = MakeAddress(loopback.text);
+      ZUNET_SockAddr left = SockAddr(loopback.text);
       ZUNET_SockAddr right = left;
       auto* const bytes = loopback.family == AF_INET
                               ? reinterpret_cast<unsigned char*>(&right.addr.v4.sin_addr)
@@ -93,9 +93,9 @@ TEST(ComparingAddresses, EveryBitOfTheAddressCountsFromItsPlaceOn) {
 
 TEST(ComparingAddresses, PortsCountOnDemand) {
   for (const Loopback& loopback : kLoopbacks) {
-    ZUNET_SockAddr left = MakeAddress(loopback.text, 80);
+    ZUNET_SockAddr left = SockAddr(loopback.text, 80);
     ZUNET_SockAddr same = left;
-    ZUNET_SockAddr other = MakeAddress(loopback.text, 81);
+    ZUNET_SockAddr other = SockAddr(loopback.text, 81);
     for (const int bits : {0, 8, 24}) {
       EXPECT_EQ(ZUNET_addrequal(&left, &other, bits, 0), 1) << bits;
       EXPECT_EQ(ZUNET_addrequal(&left, &other, bits, 1), 0) << bits;
@@ -106,19 +106,19 @@ TEST(ComparingAddresses, PortsCountOnDemand) {
 }
 
 TEST(ComparingAddresses, ScopeFlowAndPaddingNeverCount) {
-  ZUNET_SockAddr left = MakeAddress("fe80::1");
+  ZUNET_SockAddr left = SockAddr("fe80::1");
   ZUNET_SockAddr right = left;
   right.addr.v6.sin6_scope_id = 7;
   right.addr.v6.sin6_flowinfo = 9;
   EXPECT_EQ(ZUNET_addrequal(&left, &right, 0, 1), 1);
   EXPECT_EQ(ZUNET_addrequal(&left, &right, 127, 1), 1);
-  left = right = MakeAddress("10.1.2.3");
+  left = right = SockAddr("10.1.2.3");
   std::memset(right.addr.v4.sin_zero, 0xEE, sizeof right.addr.v4.sin_zero);
   EXPECT_EQ(ZUNET_addrequal(&left, &right, 0, 1), 1);
 }
 
 TEST(ComparingAddresses, PointersAreComparedFirst) {
-  ZUNET_SockAddr address = MakeAddress("10.1.2.3");
+  ZUNET_SockAddr address = SockAddr("10.1.2.3");
   EXPECT_EQ(ZUNET_addrequal(&address, &address, 0, 1), 1);
   EXPECT_EQ(ZUNET_addrequal(nullptr, nullptr, 0, 0), 1);
   EXPECT_EQ(ZUNET_addrequal(&address, nullptr, 0, 0), 0);
@@ -126,8 +126,8 @@ TEST(ComparingAddresses, PointersAreComparedFirst) {
 }
 
 TEST(ComparingAddresses, AnyOtherFamilyIsComparedAsIPv6) {
-  ZUNET_SockAddr left = MakeAddress("2001:db8::1");
-  ZUNET_SockAddr right = MakeAddress("2001:db8::2");
+  ZUNET_SockAddr left = SockAddr("2001:db8::1");
+  ZUNET_SockAddr right = SockAddr("2001:db8::2");
   left.addr.f.family = right.addr.f.family = AF_UNSPEC;
   EXPECT_EQ(ZUNET_addrequal(&left, &right, 0, 0), 0);
   EXPECT_EQ(ZUNET_addrequal(&left, &right, 126, 0), 1);
@@ -152,14 +152,14 @@ TEST(Ports, LieInNetworkByteOrderBehindTheFamily) {
                {-1, 0xFF, 0xFF, 65535}};
   for (const Loopback& loopback : kLoopbacks) {
     for (const auto& c : cases) {
-      ZUNET_SockAddr address = MakeAddress(loopback.text, 4711);
+      ZUNET_SockAddr address = SockAddr(loopback.text, 4711);
       ZUNET_setport(&address, c.port);
       unsigned char bytes[sizeof address];
       std::memcpy(bytes, &address, sizeof bytes);
       EXPECT_EQ(bytes[2], c.high) << c.port;
       EXPECT_EQ(bytes[3], c.low) << c.port;
       EXPECT_EQ(ZUNET_getport(&address), c.read) << c.port;
-      EXPECT_EQ(TextOf(address), loopback.text) << c.port;
+      EXPECT_EQ(Text(address), loopback.text) << c.port;
     }
   }
 }

@@ -51,7 +51,7 @@ class Datagrams : public testing::TestWithParam<Loopback> {
   ZUNET_SockAddr farAddress;
   Descriptor near = Bound(loopback, SOCK_DGRAM, nearAddress);
   Descriptor far = Bound(loopback, SOCK_DGRAM, farAddress);
-  ZUNET_SockAddr sender = MakeAddress(loopback.text);
+  ZUNET_SockAddr sender = SockAddr(loopback.text);
   char buffer[64]{};
   int count = -7;
   int timedOut = -7;
@@ -70,7 +70,7 @@ TEST_P(Datagrams, TravelWithTheSendersAddress) {
     EXPECT_EQ(count, 5) << seconds;
     EXPECT_EQ(timedOut, 0) << seconds;
     EXPECT_STREQ(buffer, "hello") << seconds;
-    EXPECT_EQ(TextOf(sender), loopback.text) << seconds;
+    EXPECT_EQ(Text(sender), loopback.text) << seconds;
     EXPECT_EQ(ZUNET_getport(&sender), ZUNET_getport(&nearAddress)) << seconds;
   }
 }
@@ -216,7 +216,7 @@ class RawSocket : public testing::TestWithParam<Loopback> {
   }
 
   Descriptor raw;
-  ZUNET_SockAddr address = MakeAddress(GetParam().text);
+  ZUNET_SockAddr address = SockAddr(GetParam().text);
   int count = -7;
   int timedOut = -7;
 };
@@ -252,12 +252,12 @@ TEST_P(RawSocket, MovesPacketsOnLoopback) {
   const unsigned char wanted = isV4 ? ICMP_ECHOREPLY : ICMP_ECHO;
   for (int i = 0; i < 100; ++i) {  // others may ping here too
     unsigned char received[256]{};
-    ZUNET_SockAddr from = MakeAddress(GetParam().text);
+    ZUNET_SockAddr from = SockAddr(GetParam().text);
     ASSERT_EQ(ZUNET_recvfromicmpsocket(raw.Get(), &from, received, sizeof received, &count, 0, 5,
                                        &timedOut),
               0);
     ASSERT_EQ(timedOut, 0);
-    EXPECT_EQ(TextOf(from), GetParam().text);
+    EXPECT_EQ(Text(from), GetParam().text);
     if (received[header] != wanted || std::memcmp(received + header + 4, &packet[4], 4) != 0) {
       continue;
     }

@@ -74,7 +74,7 @@ const bool kCopyIsMade = [] {
 class FakeResolver {
  public:
   void Add(const char* text) {
-    const ZUNET_SockAddr address = MakeAddress(text, 4711);  // ports in lists do not count
+    const ZUNET_SockAddr address = SockAddr(text, 4711);  // ports in lists do not count
     Add(address, address.addr.f.family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
   }
   void AddOther() {
@@ -150,7 +150,7 @@ TEST(StrToIp, ReadsNumericTextsOfEitherFamily) {
   for (const auto& c : cases) {
     ZUNET_SockAddr address = Untouched();
     EXPECT_EQ(ZUNET_str2ip(c.text, &address), 0) << c.text;
-    EXPECT_EQ(TextOf(address), c.expected);
+    EXPECT_EQ(Text(address), c.expected);
     EXPECT_EQ(ZUNET_getport(&address), 0) << c.text;
   }
 }
@@ -178,7 +178,7 @@ TEST(StrToIp, WritesSixteenBytesForIPv4AndAllForIPv6) {
   for (std::size_t i = 16; i < bytes.size(); ++i) EXPECT_EQ(bytes[i], 0xEE) << i;
   address = Untouched();
   ASSERT_EQ(ZUNET_str2ip("2001:db8::5", &address), 0);
-  EXPECT_EQ(BytesOf(address), BytesOf(MakeAddress("2001:db8::5")));
+  EXPECT_EQ(BytesOf(address), BytesOf(SockAddr("2001:db8::5")));
 }
 
 TEST(StrToIp, RefusesTheCollisionAddressInEverySpellingAndWritesIt) {
@@ -186,7 +186,7 @@ TEST(StrToIp, RefusesTheCollisionAddressInEverySpellingAndWritesIt) {
     ZUNET_SockAddr address = Untouched();
     EXPECT_EQ(ZUNET_str2ip(text, &address), kCollisionResult) << text;
     EXPECT_EQ(address.addr.f.family, AF_INET) << text;
-    EXPECT_EQ(TextOf(address), kCollision) << text;
+    EXPECT_EQ(Text(address), kCollision) << text;
     EXPECT_EQ(ZUNET_getport(&address), 0) << text;
   }
   EXPECT_EQ(ZUNET_NAME_COLLISION, kCollisionResult);
@@ -210,9 +210,9 @@ TEST(StrToIp, ResolversResultIsReturnedAsItIs) {
   for (const int result : {EAI_AGAIN, EAI_FAIL, EAI_MEMORY, EAI_NONAME, EAI_SYSTEM, 4, 12345}) {
     FakeResolver resolver;
     resolver.result = result;
-    ZUNET_SockAddr address = MakeAddress(kCollision);  // does not matter then
+    ZUNET_SockAddr address = SockAddr(kCollision);  // does not matter then
     EXPECT_EQ(ZUNET_str2ip("x", &address), result);
-    EXPECT_EQ(BytesOf(address), BytesOf(MakeAddress(kCollision))) << result;
+    EXPECT_EQ(BytesOf(address), BytesOf(SockAddr(kCollision))) << result;
     EXPECT_EQ(resolver.releases, 0) << result;
   }
 }
@@ -238,7 +238,7 @@ TEST(StrToIp, TakesTheFirstUsableEntry) {
     Resolve(resolver, c.list);
     ZUNET_SockAddr address = Untouched();
     EXPECT_EQ(ZUNET_str2ip("x", &address), c.result) << c.expected;
-    EXPECT_EQ(TextOf(address), c.expected);
+    EXPECT_EQ(Text(address), c.expected);
     EXPECT_EQ(ZUNET_getport(&address), 0) << c.expected;
     EXPECT_EQ(resolver.releases, 1) << c.expected;
   }
@@ -262,7 +262,7 @@ TEST(StrToIp, StaleCollisionAddressCountsWhenThereIsNoUsableEntry) {
     Resolve(resolver, list);
     // Only the word behind the port is looked at, whatever the family says.
     for (const std::uint16_t family : std::initializer_list<std::uint16_t>{AF_INET, AF_INET6, 0}) {
-      ZUNET_SockAddr address = MakeAddress(kCollision, 4711);
+      ZUNET_SockAddr address = SockAddr(kCollision, 4711);
       address.addr.f.family = family;
       const std::vector<unsigned char> before = BytesOf(address);
       EXPECT_EQ(ZUNET_str2ip("x", &address), kCollisionResult) << family;
@@ -272,13 +272,13 @@ TEST(StrToIp, StaleCollisionAddressCountsWhenThereIsNoUsableEntry) {
 }
 
 TEST(StrToIp, FlowLabelThatReadsAsTheCollisionAddressCounts) {
-  ZUNET_SockAddr odd = MakeAddress("2001:db8::5");
-  odd.addr.v6.sin6_flowinfo = MakeAddress(kCollision).addr.v4.sin_addr.s_addr;
+  ZUNET_SockAddr odd = SockAddr("2001:db8::5");
+  odd.addr.v6.sin6_flowinfo = SockAddr(kCollision).addr.v4.sin_addr.s_addr;
   FakeResolver resolver;
   resolver.Add(odd, sizeof(sockaddr_in6));
   ZUNET_SockAddr address = Untouched();
   EXPECT_EQ(ZUNET_str2ip("x", &address), kCollisionResult);
-  EXPECT_EQ(TextOf(address), "2001:db8::5");
+  EXPECT_EQ(Text(address), "2001:db8::5");
 }
 
 // ---- Name to addresses ----
@@ -289,7 +289,7 @@ class NameToIp : public testing::Test {
 
   std::vector<std::string> Texts(int count) const {
     std::vector<std::string> texts;
-    for (int i = 0; i < count; ++i) texts.push_back(TextOf(host.addr_list[i]));
+    for (int i = 0; i < count; ++i) texts.push_back(Text(host.addr_list[i]));
     return texts;
   }
 
@@ -312,7 +312,7 @@ TEST_F(NameToIp, ReadsNumericTextsAndNames) {
     host = {-7, nullptr};
     ASSERT_EQ(ZUNET_name2ip(c.name, &host, c.family), 0) << c.name;
     ASSERT_GE(host.addr_count, 1) << c.name;
-    EXPECT_EQ(TextOf(host.addr_list[0]), c.expected);
+    EXPECT_EQ(Text(host.addr_list[0]), c.expected);
     EXPECT_EQ(ZUNET_getport(&host.addr_list[0]), 0);
     ZUNET_freehostent(&host);
   }
@@ -399,7 +399,7 @@ TEST_F(NameToIp, TakesAllUsableEntriesInOrder) {
     EXPECT_EQ(Texts(host.addr_count), expected);
     for (std::size_t i = 0; i < expected.size(); ++i) {
       // With port 0, and nothing behind what the family fills.
-      EXPECT_EQ(BytesOf(host.addr_list[i]), BytesOf(MakeAddress(expected[i].c_str())));
+      EXPECT_EQ(BytesOf(host.addr_list[i]), BytesOf(SockAddr(expected[i].c_str())));
     }
     EXPECT_EQ(resolver.releases, 1) << list[0];
     ZUNET_freehostent(&host);
@@ -469,14 +469,14 @@ TEST_F(NameToIp, RefusesTheCollisionAddressOfTheRealResolver) {
   for (const int family : {0, AF_INET}) {
     EXPECT_EQ(ZUNET_name2ip(kCollision, &host, family), kCollisionResult);
     ASSERT_NE(host.addr_list, nullptr);
-    EXPECT_EQ(TextOf(host.addr_list[0]), kCollision);
+    EXPECT_EQ(Text(host.addr_list[0]), kCollision);
     ZUNET_freehostent(&host);
   }
 }
 
 TEST_F(NameToIp, FlowLabelsAreNotLookedAt) {
-  ZUNET_SockAddr odd = MakeAddress("2001:db8::5");
-  odd.addr.v6.sin6_flowinfo = MakeAddress(kCollision).addr.v4.sin_addr.s_addr;
+  ZUNET_SockAddr odd = SockAddr("2001:db8::5");
+  odd.addr.v6.sin6_flowinfo = SockAddr(kCollision).addr.v4.sin_addr.s_addr;
   FakeResolver resolver;
   resolver.Add(odd, sizeof(sockaddr_in6));
   EXPECT_EQ(ZUNET_name2ip("x", &host, 0), 0);
@@ -515,12 +515,12 @@ class FakeNames {
 
 TEST(IpToStr, WritesTheNumericTextWithoutThePort) {
   for (const char* text : {"10.1.2.3", "0.0.0.0", "127.0.53.53", "::", "::1", "2001:db8::5"}) {
-    const ZUNET_SockAddr address = MakeAddress(text, 4711);
+    const ZUNET_SockAddr address = SockAddr(text, 4711);
     char buffer[64] = "x";
     EXPECT_EQ(ZUNET_ip2str(&address, buffer, sizeof buffer), 0);
     EXPECT_STREQ(buffer, text);
   }
-  ZUNET_SockAddr scoped = MakeAddress("fe80::1");
+  ZUNET_SockAddr scoped = SockAddr("fe80::1");
   scoped.addr.v6.sin6_scope_id = if_nametoindex("lo");
   char buffer[64] = "x";
   EXPECT_EQ(ZUNET_ip2str(&scoped, buffer, sizeof buffer), 0);
@@ -528,7 +528,7 @@ TEST(IpToStr, WritesTheNumericTextWithoutThePort) {
 }
 
 TEST(IpToStr, FailuresAreResolverCodesWithAnEmptyText) {
-  const ZUNET_SockAddr address = MakeAddress("10.1.2.3");
+  const ZUNET_SockAddr address = SockAddr("10.1.2.3");
   for (const std::size_t size : {1u, 8u}) {
     char buffer[9] = "xxxxxxxx";
     EXPECT_EQ(ZUNET_ip2str(&address, buffer, size), EAI_OVERFLOW) << size;
@@ -549,7 +549,7 @@ TEST(IpToStr, ResultFourIsTriedOnceMoreWithTheLengthOfIPv4) {
       {{0}, 0},    {{EAI_FAMILY}, EAI_FAMILY}, {{EAI_FAIL}, EAI_FAIL}, {{3}, 3}, {{4, 0}, 0},
       {{4, 4}, 4}, {{4, EAI_AGAIN}, EAI_AGAIN}};
   for (const char* text : {"10.1.2.3", "::1"}) {
-    const ZUNET_SockAddr address = MakeAddress(text);
+    const ZUNET_SockAddr address = SockAddr(text);
     for (const auto& c : cases) {
       FakeNames names;
       names.results = c.results;
@@ -571,7 +571,7 @@ TEST(IpToStr, ResultFourIsTriedOnceMoreWithTheLengthOfIPv4) {
 }
 
 TEST(IpToName, FindsTheNameOfLoopback) {
-  const ZUNET_SockAddr address = MakeAddress("127.0.0.1", 4711);
+  const ZUNET_SockAddr address = SockAddr("127.0.0.1", 4711);
   char name[256] = "x";
   EXPECT_EQ(ZUNET_ip2name(&address, name, sizeof name), 0);
   EXPECT_STREQ(name, "localhost");
@@ -579,7 +579,7 @@ TEST(IpToName, FindsTheNameOfLoopback) {
 
 TEST(IpToName, AsksForANameAndNoService) {
   for (const Loopback& loopback : kLoopbacks) {
-    const ZUNET_SockAddr address = MakeAddress(loopback.text);
+    const ZUNET_SockAddr address = SockAddr(loopback.text);
     FakeNames names;
     names.results = {0};
     names.err = EIO;  // says nothing where there is no failure
@@ -601,7 +601,7 @@ TEST(IpToName, FailureIsTheErrNoAndNeverReadsAsSuccess) {
   } cases[] = {
       {EAI_SYSTEM, EIO, EIO},  {EAI_NONAME, 0, ENOENT}, {EAI_AGAIN, ECONNREFUSED, ECONNREFUSED},
       {EAI_SYSTEM, 0, ENOENT}, {4, 0, ENOENT},          {EAI_OVERFLOW, 0, ENOENT}};
-  const ZUNET_SockAddr address = MakeAddress("10.1.2.3");
+  const ZUNET_SockAddr address = SockAddr("10.1.2.3");
   for (const auto& c : cases) {
     FakeNames names;
     names.results = {c.result};

@@ -130,7 +130,7 @@ TEST(MakingSockets, FailureIsTheErrNoAndStoresMinusOne) {
 class OnLoopback : public testing::TestWithParam<Loopback> {
  protected:
   const Loopback loopback = GetParam();
-  ZUNET_SockAddr address = MakeAddress(loopback.text);
+  ZUNET_SockAddr address = SockAddr(loopback.text);
 };
 
 INSTANTIATE_TEST_SUITE_P(, OnLoopback, testing::ValuesIn(kLoopbacks), FamilyName);
@@ -145,7 +145,7 @@ TEST_P(OnLoopback, RoundTripOfBindListenConnectAccept) {
   ZUNET_SockAddr bound;
   std::memset(&bound, 0xEE, sizeof bound);
   ASSERT_EQ(ZUNET_getsockname(listener, &bound), 0);
-  EXPECT_EQ(TextOf(bound), loopback.text);
+  EXPECT_EQ(Text(bound), loopback.text);
   EXPECT_NE(ZUNET_getport(&bound), 0);
 
   ASSERT_EQ(ZUNET_socket(loopback.family, &client), 0);
@@ -157,11 +157,11 @@ TEST_P(OnLoopback, RoundTripOfBindListenConnectAccept) {
 
   ZUNET_SockAddr own;
   ASSERT_EQ(ZUNET_getsockname(client, &own), 0);
-  EXPECT_EQ(TextOf(peer), loopback.text);
+  EXPECT_EQ(Text(peer), loopback.text);
   EXPECT_EQ(ZUNET_getport(&peer), ZUNET_getport(&own));
   ASSERT_EQ(ZUNET_getpeername(client, &peer), 0);
   EXPECT_EQ(ZUNET_getport(&peer), ZUNET_getport(&bound));
-  EXPECT_EQ(TextOf(peer), loopback.text);
+  EXPECT_EQ(Text(peer), loopback.text);
   for (const KDSOCKET each : {listener, client, accepted}) {
     ZUNET_close(each);
     EXPECT_FALSE(IsOpen(each));
@@ -201,7 +201,7 @@ TEST_P(OnLoopback, BindFailures) {
   EXPECT_EQ(ZUNET_bind(first.Get(), &used), EINVAL);
   EXPECT_EQ(ZUNET_bind(kNoDescriptor, &address), EBADF);
   EXPECT_EQ(ZUNET_bind(-1, &address), EBADF);
-  ZUNET_SockAddr foreign = MakeAddress(loopback.family == AF_INET ? "198.51.100.1" : "2001:db8::1");
+  ZUNET_SockAddr foreign = SockAddr(loopback.family == AF_INET ? "198.51.100.1" : "2001:db8::1");
   EXPECT_EQ(ZUNET_bind(second.Get(), &foreign), EADDRNOTAVAIL);
 }
 
@@ -225,7 +225,7 @@ TEST(Connect, IsRepeatedWhileItIsInterruptedOnly) {
           if (++calls <= 2) return FailWith(EINTR);
           return last == 0 ? 0 : FailWith(last);
         });
-    ZUNET_SockAddr address = MakeAddress("127.0.0.1", 1);
+    ZUNET_SockAddr address = SockAddr("127.0.0.1", 1);
     EXPECT_EQ(ZUNET_connect(1, &address), last);
     EXPECT_EQ(calls, 3) << last;
   }
@@ -680,7 +680,7 @@ TEST(Sockets, OfDistinctThreadsDoNotDisturbEachOther) {
       EXPECT_EQ(count, 4);
       ZUNET_SockAddr name;
       EXPECT_EQ(ZUNET_getpeername(pair.near.Get(), &name), 0);
-      EXPECT_EQ(TextOf(name), loopback.text);
+      EXPECT_EQ(Text(name), loopback.text);
     }
   };
   const QuietThread first([&] { work(kLoopbacks[0]); });

@@ -72,12 +72,12 @@ constexpr Timed kTimed[] = {
      }},
     {"ReceiveDatagram", false, true,
      [](KDSOCKET s, char* buffer, int len, int* count, int seconds, int* timedOut, int flags) {
-       ZUNET_SockAddr from = MakeAddress("127.0.0.1");
+       ZUNET_SockAddr from = SockAddr("127.0.0.1");
        return ZUNET_recvfromicmpsocket(s, &from, buffer, len, count, flags, seconds, timedOut);
      }},
     {"SendDatagram", true, true,
      [](KDSOCKET s, char* buffer, int len, int* count, int seconds, int* timedOut, int flags) {
-       ZUNET_SockAddr to = MakeAddress("127.0.0.1", 9);
+       ZUNET_SockAddr to = SockAddr("127.0.0.1", 9);
        return ZUNET_sendtoicmpsocket(s, &to, buffer, len, count, flags, seconds, timedOut);
      }},
 };

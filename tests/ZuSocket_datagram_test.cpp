@@ -20,7 +20,7 @@ class ZuSocketDatagram : public SocketTest, public testing::WithParamInterface<c
  protected:
   void SetUp() override {
     OwnedSocket probe;
-    if (Failed(probe.Bind(AddressOf(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
+    if (Failed(probe.Bind(Address(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
     ASSERT_NO_FATAL_FAILURE(MakeBound(first));
     ASSERT_NO_FATAL_FAILURE(MakeBound(second));
     ASSERT_NO_FATAL_FAILURE(SetTarget(first, second));
@@ -28,8 +28,8 @@ class ZuSocketDatagram : public SocketTest, public testing::WithParamInterface<c
   }
 
   static void MakeBound(OwnedSocket& socket) {
-    ASSERT_OK(socket.DgramSocket(AddressOf(GetParam())));
-    ASSERT_OK(socket.Bind(AddressOf(GetParam())));
+    ASSERT_OK(socket.DgramSocket(Address(GetParam())));
+    ASSERT_OK(socket.Bind(Address(GetParam())));
   }
 
   static void SetTarget(CZuSocket& socket, const CZuSocket& target) {
@@ -70,7 +70,7 @@ TEST_P(ZuSocketDatagram, GoesToTheAddressAndBringsTheSender) {
     EXPECT_EQ(count, 4) << "a short datagram is no failure";
     EXPECT_EQ(timedOut, 0);
     EXPECT_STREQ(buffer, "pingre");
-    EXPECT_EQ(TextOf(second.GetAddress()), GetParam());
+    EXPECT_EQ(Text(second.GetAddress()), GetParam());
     EXPECT_EQ(second.GetAddress().GetPortNumber(), PortOf(first));
   }
   ASSERT_OK(second.SendtoICMPSocket("pong", 4, 5, &timedOut, 0, nullptr));
@@ -187,8 +187,8 @@ class ZuSocketIcmp : public SocketTest {};
 
 TEST_F(ZuSocketIcmp, TargetOfTheOtherFamilyIsTheSystemsError) {
   OwnedSocket socket;
-  ASSERT_OK(socket.DgramSocket(AddressOf("127.0.0.1")));
-  socket.AttachConnectedSocket(socket.GetDescriptor(), AddressOf("2001:db8::1"));
+  ASSERT_OK(socket.DgramSocket(Address("127.0.0.1")));
+  socket.AttachConnectedSocket(socket.GetDescriptor(), Address("2001:db8::1"));
   int timedOut = kUntouched;
   int count = kUntouched;
   EXPECT_FAILS(socket.SendtoICMPSocket("x", 1, 5, &timedOut, 0, &count), ErrNoCode(EAFNOSUPPORT),
@@ -199,7 +199,7 @@ TEST_F(ZuSocketIcmp, TargetOfTheOtherFamilyIsTheSystemsError) {
 
 TEST_F(ZuSocketIcmp, EchoRequestIsAnsweredOverLoopBack) {
   OwnedSocket socket;
-  const CZuError error = socket.ICMPSocket(AddressOf("127.0.0.1"), CZuIPAddr::FAMILY_IPV4);
+  const CZuError error = socket.ICMPSocket(Address("127.0.0.1"), CZuIPAddr::FAMILY_IPV4);
   if (FXErrorUtil::IsErrNo(error, EPERM)) LeaveOut("raw sockets need CAP_NET_RAW");
   ASSERT_OK(error);
   const unsigned char request[] = {ICMP_ECHO, 0, 0x66, 0xcb, 0x12, 0x34, 0x7f, 0x00};
@@ -211,7 +211,7 @@ TEST_F(ZuSocketIcmp, EchoRequestIsAnsweredOverLoopBack) {
   do {  // the socket sees the request and whatever else is about
     ASSERT_OK(socket.RecvfromICMPSocket(reply, sizeof reply, 5, &timedOut, 0, &count));
   } while (count < 28 || reply[20] != ICMP_ECHOREPLY || reply[24] != 0x12 || reply[25] != 0x34);
-  EXPECT_EQ(TextOf(socket.GetAddress()), "127.0.0.1");
+  EXPECT_EQ(Text(socket.GetAddress()), "127.0.0.1");
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ class ZuSocketOptions : public SocketTest {};
 
 TEST_F(ZuSocketOptions, OptionsAreReadAsTheyWereSet) {
   OwnedSocket socket;
-  ASSERT_OK(socket.Socket(AddressOf("127.0.0.1")));
+  ASSERT_OK(socket.Socket(Address("127.0.0.1")));
   for (const int value : {1, 0}) {
     int in = value;
     ASSERT_OK(socket.SetSockOpt(SOL_SOCKET, SO_KEEPALIVE, reinterpret_cast<char*>(&in), sizeof in));
@@ -30,7 +30,7 @@ TEST_F(ZuSocketOptions, OptionsAreReadAsTheyWereSet) {
 
 TEST_F(ZuSocketOptions, OptionsThatTheSystemLacksAreReported) {
   OwnedSocket socket;
-  ASSERT_OK(socket.Socket(AddressOf("127.0.0.1")));
+  ASSERT_OK(socket.Socket(Address("127.0.0.1")));
   int value = 1;
   int length = sizeof value;
   char* const bytes = reinterpret_cast<char*>(&value);
@@ -44,19 +44,19 @@ TEST_F(ZuSocketOptions, OptionsThatTheSystemLacksAreReported) {
 
 TEST_F(ZuSocketOptions, NagleIsSwitchedOffAndOn) {
   OwnedSocket socket;
-  ASSERT_OK(socket.Socket(AddressOf("127.0.0.1")));
+  ASSERT_OK(socket.Socket(Address("127.0.0.1")));
   ASSERT_OK(socket.NagleOff());
   EXPECT_EQ(OptionOf(socket, IPPROTO_TCP, TCP_NODELAY), 1);
   ASSERT_OK(socket.NagleOn());
   EXPECT_EQ(OptionOf(socket, IPPROTO_TCP, TCP_NODELAY), 0);
   OwnedSocket datagrams;
-  ASSERT_OK(datagrams.DgramSocket(AddressOf("127.0.0.1")));
+  ASSERT_OK(datagrams.DgramSocket(Address("127.0.0.1")));
   EXPECT_FAILS(datagrams.NagleOff(), ErrNoCode(ENOPROTOOPT), "CZuSocket::SetSockOpt(");
 }
 
 TEST_F(ZuSocketOptions, BlockingModeIsSwitched) {
   OwnedSocket socket;
-  ASSERT_OK(socket.Socket(AddressOf("127.0.0.1")));
+  ASSERT_OK(socket.Socket(Address("127.0.0.1")));
   EXPECT_FALSE(IsNonBlocking(socket));
   ASSERT_OK(socket.SetToNonBlocking());
   EXPECT_TRUE(IsNonBlocking(socket));

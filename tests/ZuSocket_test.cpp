@@ -20,7 +20,7 @@ struct Outputs {
   int flag = kUntouched;
   int length = sizeof(int);
   unsigned queue = kUntouched;
-  CZuIPAddr address = AddressOf("10.1.2.3", 4);
+  CZuIPAddr address = Address("10.1.2.3", 4);
   CZuSocket socket;
 };
 
@@ -81,9 +81,9 @@ class ZuSocketFamily : public SocketTest, public testing::WithParamInterface<con
  protected:
   void SetUp() override {
     OwnedSocket probe;
-    if (Failed(probe.Bind(AddressOf(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
+    if (Failed(probe.Bind(Address(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
   }
-  int Family() const { return AddressOf(GetParam()).m_Addr.addr.f.family; }
+  int Family() const { return Address(GetParam()).m_Addr.addr.f.family; }
 };
 
 INSTANTIATE_TEST_SUITE_P(, ZuSocketFamily, testing::Values("127.0.0.1", "::1"),
@@ -105,23 +105,23 @@ TEST_F(ZuSocket, IsEmptyAtFirst) {
 }
 
 TEST_F(ZuSocket, TakesAddressesWithoutADescriptor) {
-  const CZuIPAddr v4 = AddressOf("10.1.2.3", 80);
-  const CZuIPAddr v6 = AddressOf("2001:db8::1", 81);
+  const CZuIPAddr v4 = Address("10.1.2.3", 80);
+  const CZuIPAddr v6 = Address("2001:db8::1", 81);
   for (const CZuSocket& socket : {CZuSocket(v4), CZuSocket(v4.m_Addr.addr.v4)}) {
     EXPECT_EQ(socket.GetDescriptor(), -1);
-    EXPECT_EQ(TextOf(socket.GetAddress()), "10.1.2.3");
+    EXPECT_EQ(Text(socket.GetAddress()), "10.1.2.3");
     EXPECT_EQ(socket.GetAddress().GetPortNumber(), 80);
   }
   for (const CZuSocket& socket : {CZuSocket(v6), CZuSocket(v6.m_Addr.addr.v6)}) {
     EXPECT_EQ(socket.GetDescriptor(), -1);
-    EXPECT_EQ(TextOf(socket.GetAddress()), "2001:db8::1");
+    EXPECT_EQ(Text(socket.GetAddress()), "2001:db8::1");
     EXPECT_EQ(socket.GetAddress().GetPortNumber(), 81);
   }
 }
 
 TEST_F(ZuSocket, AssignedAddressLetsTheDescriptorGoOpen) {
-  const CZuIPAddr v4 = AddressOf("10.1.2.3", 80);
-  const CZuIPAddr v6 = AddressOf("2001:db8::1", 81);
+  const CZuIPAddr v4 = Address("10.1.2.3", 80);
+  const CZuIPAddr v6 = Address("2001:db8::1", 81);
   const std::function<void(CZuSocket&)> assignments[] = {
       [&](CZuSocket& s) { s = v4; },
       [&](CZuSocket& s) { s = v4.m_Addr.addr.v4; },
@@ -135,7 +135,7 @@ TEST_F(ZuSocket, AssignedAddressLetsTheDescriptorGoOpen) {
     CZuSocket socket = owner;
     assignments[i](socket);
     EXPECT_EQ(socket.GetDescriptor(), -1) << i;
-    EXPECT_EQ(TextOf(socket.GetAddress()), i < 2 ? "10.1.2.3" : "2001:db8::1") << i;
+    EXPECT_EQ(Text(socket.GetAddress()), i < 2 ? "10.1.2.3" : "2001:db8::1") << i;
     EXPECT_EQ(socket.GetAddress().GetPortNumber(), i < 2 ? 80 : 81) << i;
     EXPECT_TRUE(gClosed.empty()) << i;
     EXPECT_TRUE(IsOpen(owner.GetDescriptor())) << i;
@@ -146,13 +146,13 @@ TEST_F(ZuSocket, AssignedAddressLetsTheDescriptorGoOpen) {
 
 TEST_F(ZuSocket, CopiesShareTheDescriptorAndTheAddress) {
   OwnedSocket original;
-  original.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3", 80));
+  original.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.3", 80));
   const CZuSocket copy(original);
-  CZuSocket assigned(AddressOf("10.9.9.9"));
+  CZuSocket assigned(Address("10.9.9.9"));
   assigned = original;
   for (const CZuSocket& socket : {copy, assigned}) {
     EXPECT_EQ(socket.GetDescriptor(), original.GetDescriptor());
-    EXPECT_EQ(TextOf(socket.GetAddress()), "10.1.2.3");
+    EXPECT_EQ(Text(socket.GetAddress()), "10.1.2.3");
     EXPECT_EQ(socket.GetAddress().GetPortNumber(), 80);
   }
 }
@@ -162,7 +162,7 @@ TEST_F(ZuSocket, DestructorLeavesTheDescriptorToTheCopies) {
   CZuSocket copy;
   {
     CZuSocket original;
-    ASSERT_OK(original.Bind(AddressOf("127.0.0.1")));
+    ASSERT_OK(original.Bind(Address("127.0.0.1")));
     copy = original;
   }
   EXPECT_TRUE(gClosed.empty());
@@ -177,7 +177,7 @@ TEST_F(ZuSocket, ClearEmptiesWithoutClosing) {
   RecordHooks();
   const OwnedSocket owner(dup(STDERR_FILENO));
   CZuSocket socket;
-  socket.AttachConnectedSocket(owner.GetDescriptor(), AddressOf("10.1.2.3", 80));
+  socket.AttachConnectedSocket(owner.GetDescriptor(), Address("10.1.2.3", 80));
   socket.Clear();
   EXPECT_EQ(socket.GetDescriptor(), -1);
   EXPECT_TRUE(socket.GetAddress() == CZuIPAddr());
@@ -195,7 +195,7 @@ TEST_F(ZuSocket, CloseRunsTheHookBeforeItClosesAndEmpties) {
     gWasOpenInTheHook = IsOpen(descriptor);
   });
   CZuSocket socket;
-  socket.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3"));
+  socket.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.3"));
   const int descriptor = socket.GetDescriptor();
   socket.Close();
   EXPECT_EQ(gClosed, std::vector<int>{descriptor});
@@ -208,17 +208,17 @@ TEST_F(ZuSocket, CloseRunsTheHookBeforeItClosesAndEmpties) {
 }
 
 TEST_F(ZuSocket, CloseOfAnEmptyObjectClearsTheAddress) {
-  CZuSocket socket(AddressOf("10.1.2.3", 80));
+  CZuSocket socket(Address("10.1.2.3", 80));
   socket.Close();
   EXPECT_TRUE(socket.GetAddress() == CZuIPAddr());
 }
 
 TEST_F(ZuSocket, AttachTakesOverADescriptor) {
   OwnedSocket socket;
-  socket.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3", 80));
+  socket.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.3", 80));
   const OwnedSocket first(socket.GetDescriptor());
   EXPECT_TRUE(IsOpen(first.GetDescriptor()));
-  EXPECT_EQ(TextOf(socket.GetAddress()), "10.1.2.3");
+  EXPECT_EQ(Text(socket.GetAddress()), "10.1.2.3");
   EXPECT_EQ(socket.GetAddress().GetPortNumber(), 80);
   const int second = dup(STDERR_FILENO);
   socket.AttachConnectedSocket(second);
@@ -240,8 +240,8 @@ TEST_F(ZuSocket, ComparesByDescriptor) {
   for (const auto& c : kCases) {
     CZuSocket left;
     CZuSocket right;
-    left.AttachConnectedSocket(c.left, AddressOf("10.1.2.3"));
-    right.AttachConnectedSocket(c.right, AddressOf("10.9.9.9"));
+    left.AttachConnectedSocket(c.left, Address("10.1.2.3"));
+    right.AttachConnectedSocket(c.right, Address("10.9.9.9"));
     EXPECT_EQ(left == right, c.equal) << c.left << " " << c.right;
     EXPECT_EQ(left < right, c.less) << c.left << " " << c.right;
   }
@@ -266,7 +266,7 @@ void ExpectUntouched(const Outputs& outputs) {
   EXPECT_STREQ(outputs.buffer, "before");
   EXPECT_EQ(outputs.length, static_cast<int>(sizeof(int)));
   EXPECT_EQ(outputs.queue, static_cast<unsigned>(kUntouched));
-  EXPECT_EQ(TextOf(outputs.address), "10.1.2.3");
+  EXPECT_EQ(Text(outputs.address), "10.1.2.3");
   EXPECT_EQ(outputs.address.GetPortNumber(), 4);
   EXPECT_EQ(outputs.socket.GetDescriptor(), -1);
 }
@@ -274,7 +274,7 @@ void ExpectUntouched(const Outputs& outputs) {
 TEST_F(ZuSocket, EmptyObjectIsReportedAndNothingIsWritten) {
   for (const Operation& operation : kOperations) {
     SCOPED_TRACE(operation.function);
-    CZuSocket empty(AddressOf("10.5.5.5"));
+    CZuSocket empty(Address("10.5.5.5"));
     Outputs outputs;
     const CZuError error = operation.call(empty, outputs);
     EXPECT_FAILS(error, Win32Code(774), operation.text);
@@ -284,7 +284,7 @@ TEST_F(ZuSocket, EmptyObjectIsReportedAndNothingIsWritten) {
     EXPECT_EQ(outputs.count, kUntouched);
     EXPECT_EQ(outputs.flag, kUntouched);
     EXPECT_EQ(empty.GetDescriptor(), -1);
-    EXPECT_EQ(TextOf(empty.GetAddress()), "10.5.5.5");
+    EXPECT_EQ(Text(empty.GetAddress()), "10.5.5.5");
   }
 }
 
@@ -292,21 +292,21 @@ TEST_F(ZuSocket, SystemErrorsCarryTheirNumber) {
   for (const Operation& operation : kOperations) {
     SCOPED_TRACE(operation.function);
     CZuSocket closed;
-    closed.AttachConnectedSocket(ClosedDescriptor(), AddressOf("10.5.5.5"));
+    closed.AttachConnectedSocket(ClosedDescriptor(), Address("10.5.5.5"));
     Outputs outputs;
     const CZuError error = operation.call(closed, outputs);
     EXPECT_FAILS(error, ErrNoCode(EBADF), "Bad file descriptor");
     EXPECT_FAILS(error, ErrNoCode(EBADF), Signature(operation.function).c_str());
     ExpectUntouched(outputs);
     EXPECT_NE(closed.GetDescriptor(), -1);
-    EXPECT_EQ(TextOf(closed.GetAddress()), "10.5.5.5");
+    EXPECT_EQ(Text(closed.GetAddress()), "10.5.5.5");
   }
 }
 
 TEST_F(ZuSocket, SystemErrorsOfMakingAndEndingCarryTheirNumber) {
   CZuSocket closed;
   closed.AttachConnectedSocket(ClosedDescriptor());
-  const CZuIPAddr address = AddressOf("127.0.0.1");
+  const CZuIPAddr address = Address("127.0.0.1");
   EXPECT_FAILS(closed.Bind(address), ErrNoCode(EBADF), "CZuSocket::Bind(");
   EXPECT_FAILS(closed.Connect(address), ErrNoCode(EBADF), "CZuSocket::Connect(");
   EXPECT_FAILS(closed.Shutdown(SHUT_RDWR), ErrNoCode(EBADF), "CZuSocket::Shutdown(");
@@ -317,7 +317,7 @@ TEST_F(ZuSocket, AddressTextsAreEmptyWhereThereIsNone) {
   EXPECT_STREQ(empty.GetLocalAddressString().c_str(), "");
   EXPECT_STREQ(empty.GetPeerAddressString().c_str(), "");
   OwnedSocket unconnected;
-  ASSERT_OK(unconnected.Bind(AddressOf("127.0.0.1")));
+  ASSERT_OK(unconnected.Bind(Address("127.0.0.1")));
   EXPECT_STREQ(unconnected.GetLocalAddressString().c_str(), "127.0.0.1");
   EXPECT_STREQ(unconnected.GetPeerAddressString().c_str(), "");
   const OwnedSocket other(socket(AF_NETLINK, SOCK_RAW, 0));
@@ -328,10 +328,10 @@ TEST_F(ZuSocket, AddressTextsAreEmptyWhereThereIsNone) {
 
 TEST_F(ZuSocket, UnconnectedSocketHasNoPeer) {
   OwnedSocket socket;
-  ASSERT_OK(socket.Bind(AddressOf("127.0.0.1")));
-  CZuIPAddr address = AddressOf("10.1.2.3", 4);
+  ASSERT_OK(socket.Bind(Address("127.0.0.1")));
+  CZuIPAddr address = Address("10.1.2.3", 4);
   EXPECT_FAILS(socket.GetPeerAddress(address), ErrNoCode(ENOTCONN), "GetPeerAddress");
-  EXPECT_EQ(TextOf(address), "10.1.2.3");
+  EXPECT_EQ(Text(address), "10.1.2.3");
 }
 
 // ---- Making ----
@@ -352,16 +352,16 @@ TEST_F(ZuSocket, MakersRefuseAnObjectThatHoldsADescriptor) {
   for (const Maker& maker : kMakers) {
     SCOPED_TRACE(maker.name);
     OwnedSocket socket;
-    socket.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3", 4));
+    socket.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.3", 4));
     const int descriptor = socket.GetDescriptor();
     system_calls::gSocket.ResetCalls();
-    const CZuError error = maker.make(socket, AddressOf("10.9.9.9"));
+    const CZuError error = maker.make(socket, Address("10.9.9.9"));
     EXPECT_FAILS(error, Win32Code(774), "Socket already in use");
     EXPECT_FAILS(error, Win32Code(774), Signature(maker.name).c_str());
     EXPECT_EQ(system_calls::gSocket.Calls(), 0);
     EXPECT_EQ(socket.GetDescriptor(), descriptor);
     EXPECT_TRUE(IsOpen(descriptor));
-    EXPECT_EQ(TextOf(socket.GetAddress()), "10.1.2.3");
+    EXPECT_EQ(Text(socket.GetAddress()), "10.1.2.3");
     EXPECT_EQ(socket.GetAddress().GetPortNumber(), 4);
   }
 }
@@ -371,7 +371,7 @@ TEST_F(ZuSocket, MakersThatFailLeaveTheObjectEmpty) {
     SCOPED_TRACE(maker.name);
     CZuSocket socket;
     const Fault fault(system_calls::gSocket, EMFILE);
-    EXPECT_FAILS(maker.make(socket, AddressOf("127.0.0.1")), ErrNoCode(EMFILE),
+    EXPECT_FAILS(maker.make(socket, Address("127.0.0.1")), ErrNoCode(EMFILE),
                  Signature(maker.name).c_str());
     EXPECT_EQ(socket.GetDescriptor(), -1);
   }
@@ -388,7 +388,7 @@ TEST_F(ZuSocket, StreamAndDatagramSocketsNeedAFamily) {
 
 TEST_P(ZuSocketFamily, StreamSocketTakesTheFamilyOfTheAddressAlone) {
   OwnedSocket socket;
-  ASSERT_OK(socket.Socket(AddressOf(GetParam(), 80)));
+  ASSERT_OK(socket.Socket(Address(GetParam(), 80)));
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_DOMAIN), Family());
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_TYPE), SOCK_STREAM);
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_PROTOCOL), IPPROTO_TCP);
@@ -397,7 +397,7 @@ TEST_P(ZuSocketFamily, StreamSocketTakesTheFamilyOfTheAddressAlone) {
 
 TEST_P(ZuSocketFamily, DatagramSocketTakesTheFamilyOfTheAddressAlone) {
   OwnedSocket socket;
-  ASSERT_OK(socket.DgramSocket(AddressOf(GetParam(), 80)));
+  ASSERT_OK(socket.DgramSocket(Address(GetParam(), 80)));
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_DOMAIN), Family());
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_PROTOCOL), IPPROTO_UDP);
@@ -427,17 +427,17 @@ TEST_F(ZuSocket, IcmpSocketIsIPv6OnlyWhereThatIsAskedFor) {
     });
     OwnedSocket socket;
     ASSERT_OK(
-        socket.ICMPSocket(AddressOf(c.address, 4), static_cast<CZuIPAddr::IP_FAMILY>(c.family)));
+        socket.ICMPSocket(Address(c.address, 4), static_cast<CZuIPAddr::IP_FAMILY>(c.family)));
     EXPECT_EQ(asked, (std::array<int, 3>{c.expected, SOCK_RAW, IPPROTO_ICMP}))
         << c.address << " " << c.family;
-    EXPECT_EQ(TextOf(socket.GetAddress()), c.address) << "the target is kept";
+    EXPECT_EQ(Text(socket.GetAddress()), c.address) << "the target is kept";
     EXPECT_EQ(socket.GetAddress().GetPortNumber(), 4);
   }
 }
 
 TEST_F(ZuSocket, IcmpSocketIsARawSocket) {
   OwnedSocket socket;
-  const CZuError error = socket.ICMPSocket(AddressOf("127.0.0.1"), CZuIPAddr::FAMILY_ANY);
+  const CZuError error = socket.ICMPSocket(Address("127.0.0.1"), CZuIPAddr::FAMILY_ANY);
   if (FXErrorUtil::IsErrNo(error, EPERM)) LeaveOut("raw sockets need CAP_NET_RAW");
   ASSERT_OK(error);
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_DOMAIN), AF_INET);
@@ -446,34 +446,34 @@ TEST_F(ZuSocket, IcmpSocketIsARawSocket) {
 }
 
 TEST_F(ZuSocket, IcmpSocketKeepsTheTargetWhenItIsNotPermitted) {
-  CZuSocket socket(AddressOf("10.9.9.9"));
+  CZuSocket socket(Address("10.9.9.9"));
   const Fault fault(system_calls::gSocket, EPERM);
-  EXPECT_FAILS(socket.ICMPSocket(AddressOf("10.1.2.3", 4), CZuIPAddr::FAMILY_IPV4),
-               ErrNoCode(EPERM), "ICMPSocket");
+  EXPECT_FAILS(socket.ICMPSocket(Address("10.1.2.3", 4), CZuIPAddr::FAMILY_IPV4), ErrNoCode(EPERM),
+               "ICMPSocket");
   EXPECT_EQ(socket.GetDescriptor(), -1);
-  EXPECT_EQ(TextOf(socket.GetAddress()), "10.1.2.3");
+  EXPECT_EQ(Text(socket.GetAddress()), "10.1.2.3");
 }
 
 // ---- Binding and connecting ----
 
 TEST_P(ZuSocketFamily, BindMakesAStreamSocketAndKeepsNoAddress) {
   OwnedSocket socket;
-  ASSERT_OK(socket.Bind(AddressOf(GetParam())));
+  ASSERT_OK(socket.Bind(Address(GetParam())));
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_DOMAIN), Family());
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_TYPE), SOCK_STREAM);
   EXPECT_TRUE(socket.GetAddress() == CZuIPAddr());
   CZuIPAddr local;
   ASSERT_OK(socket.GetLocalAddress(local));
-  EXPECT_EQ(TextOf(local), GetParam());
+  EXPECT_EQ(Text(local), GetParam());
   EXPECT_GT(local.GetPortNumber(), 0);
 }
 
 TEST_F(ZuSocket, BindAndConnectUseTheSocketThatIsHeld) {
   OwnedSocket socket;
-  ASSERT_OK(socket.DgramSocket(AddressOf("127.0.0.1")));
+  ASSERT_OK(socket.DgramSocket(Address("127.0.0.1")));
   const int descriptor = socket.GetDescriptor();
-  ASSERT_OK(socket.Bind(AddressOf("127.0.0.1")));
-  ASSERT_OK(socket.Connect(AddressOf("127.0.0.1", 9)));
+  ASSERT_OK(socket.Bind(Address("127.0.0.1")));
+  ASSERT_OK(socket.Connect(Address("127.0.0.1", 9)));
   EXPECT_EQ(socket.GetDescriptor(), descriptor);
   EXPECT_EQ(OptionOf(socket, SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
   CZuIPAddr peer;
@@ -489,12 +489,12 @@ TEST_P(ZuSocketFamily, BindThatFailsKeepsTheSocketItMade) {
   EXPECT_FAILS(socket.Bind(taken), ErrNoCode(EADDRINUSE), "CZuSocket::Bind(");
   ASSERT_NE(socket.GetDescriptor(), -1);
   EXPECT_TRUE(socket.GetAddress() == CZuIPAddr());
-  EXPECT_OK(socket.Bind(AddressOf(GetParam()))) << "it can be bound to another address";
+  EXPECT_OK(socket.Bind(Address(GetParam()))) << "it can be bound to another address";
 }
 
 TEST_P(ZuSocketFamily, ConnectThatFailsKeepsTheSocketItMade) {
   OwnedSocket holder;
-  ASSERT_OK(holder.Bind(AddressOf(GetParam())));
+  ASSERT_OK(holder.Bind(Address(GetParam())));
   CZuIPAddr silent;
   ASSERT_OK(holder.GetLocalAddress(silent));
   OwnedSocket socket;
@@ -529,9 +529,9 @@ TEST_P(ZuSocketFamily, ConnectedSocketsKnowBothAddresses) {
   CZuIPAddr peer;
   ASSERT_OK(client.GetLocalAddress(local));
   ASSERT_OK(client.GetPeerAddress(peer));
-  EXPECT_EQ(TextOf(peer), GetParam());
+  EXPECT_EQ(Text(peer), GetParam());
   EXPECT_EQ(peer.GetPortNumber(), target.GetPortNumber());
-  EXPECT_EQ(TextOf(server.GetAddress()), GetParam());
+  EXPECT_EQ(Text(server.GetAddress()), GetParam());
   EXPECT_EQ(server.GetAddress().GetPortNumber(), local.GetPortNumber());
   EXPECT_STREQ(server.GetLocalAddressString().c_str(), GetParam());
   EXPECT_STREQ(server.GetPeerAddressString().c_str(), GetParam());
@@ -550,7 +550,7 @@ TEST_F(ZuSocket, ListenRunsTheHookFirst) {
     gWasListeningInTheHook = OptionOf(socket, SOL_SOCKET, SO_ACCEPTCONN);
   });
   OwnedSocket socket;
-  ASSERT_OK(socket.Bind(AddressOf("127.0.0.1")));
+  ASSERT_OK(socket.Bind(Address("127.0.0.1")));
   ASSERT_OK(socket.Listen(1));
   EXPECT_EQ(gListened, std::vector<int>{socket.GetDescriptor()});
   EXPECT_EQ(gWasListeningInTheHook, 0);
@@ -559,13 +559,13 @@ TEST_F(ZuSocket, ListenRunsTheHookFirst) {
 
 TEST_F(ZuSocket, DatagramsCannotBeListenedFor) {
   OwnedSocket socket;
-  ASSERT_OK(socket.DgramSocket(AddressOf("127.0.0.1")));
+  ASSERT_OK(socket.DgramSocket(Address("127.0.0.1")));
   EXPECT_FAILS(socket.Listen(1), ErrNoCode(EOPNOTSUPP), "CZuSocket::Listen(");
 }
 
 TEST_F(ZuSocket, AcceptRefusesAnOutputInUseBeforeAnythingElse) {
   OwnedSocket output;
-  output.AttachConnectedSocket(dup(STDERR_FILENO), AddressOf("10.1.2.3"));
+  output.AttachConnectedSocket(dup(STDERR_FILENO), Address("10.1.2.3"));
   const int descriptor = output.GetDescriptor();
   const CZuSocket empty;
   EXPECT_FAILS(empty.Accept(output), Win32Code(774),
@@ -573,7 +573,7 @@ TEST_F(ZuSocket, AcceptRefusesAnOutputInUseBeforeAnythingElse) {
   EXPECT_FAILS(output.Accept(output), Win32Code(774),
                "Output socket object is already a connected socket");
   EXPECT_EQ(output.GetDescriptor(), descriptor);
-  EXPECT_EQ(TextOf(output.GetAddress()), "10.1.2.3");
+  EXPECT_EQ(Text(output.GetAddress()), "10.1.2.3");
 }
 
 TEST_F(ZuSocket, AcceptThatFailsLeavesTheOutput) {
@@ -581,15 +581,15 @@ TEST_F(ZuSocket, AcceptThatFailsLeavesTheOutput) {
   CZuIPAddr address;
   ASSERT_NO_FATAL_FAILURE(ListenOn("127.0.0.1", listener, address));
   ASSERT_OK(listener.SetToNonBlocking());
-  CZuSocket output(AddressOf("10.1.2.3", 4));
+  CZuSocket output(Address("10.1.2.3", 4));
   EXPECT_FAILS(listener.Accept(output), ErrNoCode(EAGAIN), "CZuSocket::Accept(");
   const Fault fault(system_calls::gGetSockName, ENOBUFS);
   EXPECT_FAILS(listener.Accept(output), ErrNoCode(ENOBUFS), "CZuSocket::Accept(");
   OwnedSocket idle;
-  ASSERT_OK(idle.Bind(AddressOf("127.0.0.1")));
+  ASSERT_OK(idle.Bind(Address("127.0.0.1")));
   EXPECT_FAILS(idle.Accept(output), ErrNoCode(EINVAL), "CZuSocket::Accept(");
   EXPECT_EQ(output.GetDescriptor(), -1);
-  EXPECT_EQ(TextOf(output.GetAddress()), "10.1.2.3");
+  EXPECT_EQ(Text(output.GetAddress()), "10.1.2.3");
   EXPECT_EQ(output.GetAddress().GetPortNumber(), 4);
 }
 

@@ -32,7 +32,7 @@ class ZuSocketTransfer : public SocketTest, public testing::WithParamInterface<c
  protected:
   void SetUp() override {
     OwnedSocket probe;
-    if (Failed(probe.Bind(AddressOf(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
+    if (Failed(probe.Bind(Address(GetParam())))) GTEST_SKIP() << "no " << GetParam() << " here";
     ASSERT_NO_FATAL_FAILURE(ConnectOver(GetParam(), near, far));
   }
   OwnedSocket near;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ZuNetwork/ZuSocket.h"
+#include "support/Addresses.h"
 #include "support/Expect.h"
 
 // A socket that is closed with the test.
@@ -23,19 +24,6 @@ class OwnedSocket : public CZuSocket {
   OwnedSocket& operator=(const OwnedSocket&) = delete;
   using CZuSocket::operator=;
 };
-
-inline CZuIPAddr AddressOf(const char* text, int port = 0) {
-  CZuIPAddr address;
-  EXPECT_OK(address.SetAddressString(text)) << text;
-  EXPECT_OK(address.SetPortNumber(port)) << text;
-  return address;
-}
-
-inline std::string TextOf(const CZuIPAddr& address) {
-  CZuString text;
-  if (Failed(address.GetAddressString(text))) return "no address";
-  return text.c_str();
-}
 
 inline int OptionOf(const CZuSocket& socket, int level, int name) {
   int value = -99;
@@ -73,7 +61,7 @@ inline bool RaiseDescriptorLimit(int highest) {
 
 // Listens on a free port of `text`; `address` is where.
 inline void ListenOn(const char* text, OwnedSocket& listener, CZuIPAddr& address) {
-  ASSERT_OK(listener.Bind(AddressOf(text)));
+  ASSERT_OK(listener.Bind(Address(text)));
   ASSERT_OK(listener.Listen(5));
   ASSERT_OK(listener.GetLocalAddress(address));
 }

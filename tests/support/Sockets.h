@@ -1,6 +1,5 @@
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -19,6 +18,7 @@
 #include <utility>
 
 #include "ZuNetwork/ZuSocket_C.h"
+#include "support/Addresses.h"
 
 // Sockets of the system for tests of what is built on them: made without the code under test.
 
@@ -63,31 +63,10 @@ inline sockaddr* SystemAddress(ZUNET_SockAddr& address) {
   return reinterpret_cast<sockaddr*>(&address);
 }
 
-inline ZUNET_SockAddr MakeAddress(const char* text, int port = 0) {
-  ZUNET_SockAddr address{};
-  if (inet_pton(AF_INET, text, &address.addr.v4.sin_addr) == 1) {
-    address.addr.v4.sin_family = AF_INET;
-  } else {
-    address = {};
-    EXPECT_EQ(inet_pton(AF_INET6, text, &address.addr.v6.sin6_addr), 1) << text;
-    address.addr.v6.sin6_family = AF_INET6;
-  }
-  address.addr.v4.sin_port = htons(static_cast<std::uint16_t>(port));
-  return address;
-}
-
-inline std::string TextOf(const ZUNET_SockAddr& address) {
-  char text[INET6_ADDRSTRLEN] = "";
-  const bool isV4 = address.addr.f.family == AF_INET;
-  const void* const bytes = isV4 ? static_cast<const void*>(&address.addr.v4.sin_addr)
-                                 : static_cast<const void*>(&address.addr.v6.sin6_addr);
-  return inet_ntop(address.addr.f.family, bytes, text, sizeof text) == nullptr ? "?" : text;
-}
-
 // A socket bound to a free port of the loop-back interface; `address` says which.
 inline Descriptor Bound(const Loopback& loopback, int type, ZUNET_SockAddr& address) {
   Descriptor bound(socket(loopback.family, type, 0));
-  address = MakeAddress(loopback.text);
+  address = SockAddr(loopback.text);
   EXPECT_EQ(bind(bound.Get(), SystemAddress(address), loopback.length), 0) << strerror(errno);
   socklen_t length = sizeof address;
   EXPECT_EQ(getsockname(bound.Get(), SystemAddress(address), &length), 0);
