@@ -221,19 +221,22 @@ std::vector<Forwarder> OptionForwarders() {
         "2"};
   };
   return {
-      row("void*", CURLOPT_WRITEDATA, kPointer, "10001 0x13"),
-      row("null void*", CURLOPT_HTTPHEADER, static_cast<void*>(nullptr), "10023 null"),
-      row("int", CURLOPT_SSL_VERIFYHOST, 2, "81 2"),
-      row("negative int widened with zeros", CURLOPT_TIMEOUT, -1, "13 4294967295"),
-      row("smallest int widened with zeros", CURLOPT_TIMEOUT, -2147483647 - 1, "13 2147483648"),
-      row("long", CURLOPT_POSTFIELDSIZE, 5000000000L, "60 5000000000"),
-      row("negative long", CURLOPT_POSTFIELDSIZE, -1L, "60 -1"),
-      row("long long", CURLOPT_INFILESIZE_LARGE, 6000000000LL, "30115 6000000000"),
-      row("negative long long", CURLOPT_INFILESIZE_LARGE, -1LL, "30115 -1"),
-      row("const char*", CURLOPT_URL, "http://h/", "10002 \"http://h/\""),
+      row("void*", CURLOPT_WRITEDATA, kPointer, Opt(CURLOPT_WRITEDATA, kPointer)),
+      row("null void*", CURLOPT_HTTPHEADER, static_cast<void*>(nullptr),
+          Opt(CURLOPT_HTTPHEADER, nullptr)),
+      row("int", CURLOPT_SSL_VERIFYHOST, 2, Opt(CURLOPT_SSL_VERIFYHOST, 2)),
+      row("negative int widened with zeros", CURLOPT_TIMEOUT, -1, Opt(CURLOPT_TIMEOUT, 4294967295)),
+      row("smallest int widened with zeros", CURLOPT_TIMEOUT, -2147483647 - 1,
+          Opt(CURLOPT_TIMEOUT, 2147483648)),
+      row("long", CURLOPT_POSTFIELDSIZE, 5000000000L, Opt(CURLOPT_POSTFIELDSIZE, 5000000000)),
+      row("negative long", CURLOPT_POSTFIELDSIZE, -1L, Opt(CURLOPT_POSTFIELDSIZE, -1)),
+      row("long long", CURLOPT_INFILESIZE_LARGE, 6000000000LL,
+          Opt(CURLOPT_INFILESIZE_LARGE, 6000000000)),
+      row("negative long long", CURLOPT_INFILESIZE_LARGE, -1LL, Opt(CURLOPT_INFILESIZE_LARGE, -1)),
+      row("const char*", CURLOPT_URL, "http://h/", Opt(CURLOPT_URL, "http://h/")),
       row("null const char*", CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr),
-          "10036 null"),
-      row("debug callback", CURLOPT_DEBUGFUNCTION, &Trace, Shown(CURLOPT_DEBUGFUNCTION, &Trace)),
+          Opt(CURLOPT_CUSTOMREQUEST, nullptr)),
+      row("debug callback", CURLOPT_DEBUGFUNCTION, &Trace, Opt(CURLOPT_DEBUGFUNCTION, &Trace)),
   };
 }
 

@@ -132,26 +132,28 @@ TEST_F(KdFTPReqTest, SettersSetOneOptionEach) {
   const struct {
     const char* label;
     std::function<CZuError()> call;
-    const char* set;  // as recorded
+    std::string set;  // as recorded
     CURLoption option;
     bool clearsText = true;
   } rows[] = {
-      {"setDefaults", [&] { return req->setDefaults(); }, "85 0", CURLOPT_FTP_USE_EPSV, false},
-      {"setFTPAuth", [&] { return req->setFTPAuth(2); }, "151 2", CURLOPT_SSH_AUTH_TYPES},
-      {"setFTPAuth of any", [&] { return req->setFTPAuth(-1); }, "151 4294967295",
+      {"setDefaults", [&] { return req->setDefaults(); }, Opt(CURLOPT_FTP_USE_EPSV, 0),
+       CURLOPT_FTP_USE_EPSV, false},
+      {"setFTPAuth", [&] { return req->setFTPAuth(2); }, Opt(CURLOPT_SSH_AUTH_TYPES, 2),
        CURLOPT_SSH_AUTH_TYPES},
-      {"SetFTPResponseTimeOut", [&] { return req->SetFTPResponseTimeOut(30); }, "112 30",
-       CURLOPT_FTP_RESPONSE_TIMEOUT},
-      {"setSSL", [&] { return req->setSSL(); }, "119 2", CURLOPT_USE_SSL},
-      {"setActiveMode of none", [&] { return req->setActiveMode("", ""); }, "10017 \"-\"",
-       CURLOPT_FTPPORT},
+      {"setFTPAuth of any", [&] { return req->setFTPAuth(-1); },
+       Opt(CURLOPT_SSH_AUTH_TYPES, 4294967295), CURLOPT_SSH_AUTH_TYPES},
+      {"SetFTPResponseTimeOut", [&] { return req->SetFTPResponseTimeOut(30); },
+       Opt(CURLOPT_FTP_RESPONSE_TIMEOUT, 30), CURLOPT_FTP_RESPONSE_TIMEOUT},
+      {"setSSL", [&] { return req->setSSL(); }, Opt(CURLOPT_USE_SSL, 2), CURLOPT_USE_SSL},
+      {"setActiveMode of none", [&] { return req->setActiveMode("", ""); },
+       Opt(CURLOPT_FTPPORT, "-"), CURLOPT_FTPPORT},
       {"setActiveMode", [&] { return req->setActiveMode("10.0.0.5", "2000"); },
-       "10017 \"10.0.0.5:2000\"", CURLOPT_FTPPORT},
+       Opt(CURLOPT_FTPPORT, "10.0.0.5:2000"), CURLOPT_FTPPORT},
       {"setActiveMode of a host", [&] { return req->setActiveMode("10.0.0.5", ""); },
-       "10017 \"10.0.0.5:\"", CURLOPT_FTPPORT},
-      {"setActiveMode of a port", [&] { return req->setActiveMode("", "21"); }, "10017 \":21\"",
-       CURLOPT_FTPPORT},
-      {"disableActiveMode", [&] { return req->disableActiveMode(); }, "10017 null",
+       Opt(CURLOPT_FTPPORT, "10.0.0.5:"), CURLOPT_FTPPORT},
+      {"setActiveMode of a port", [&] { return req->setActiveMode("", "21"); },
+       Opt(CURLOPT_FTPPORT, ":21"), CURLOPT_FTPPORT},
+      {"disableActiveMode", [&] { return req->disableActiveMode(); }, Opt(CURLOPT_FTPPORT, nullptr),
        CURLOPT_FTPPORT},
   };
   for (const auto& [label, call, set, option, clearsText] : rows) {
@@ -194,9 +196,9 @@ TEST_F(KdFTPReqTest, CommandsAreLinesInTheOrderOfTheirNames) {
   Dirty();
   EXPECT_OK(req->setHeaders({{"B", "2"}, {"A", "1"}, {"Empty", ""}}));
   EXPECT_TRUE(IsCleared(req->m_szErrorBuffer));
-  EXPECT_THAT(Calls(),
-              ElementsAre("slist_append null \"A:1\"", "slist_append list1 \"B:2\"",
-                          "slist_append list1 \"Empty:\"", "easy_setopt handle1 10028 list1"));
+  EXPECT_THAT(Calls(), ElementsAre("slist_append null \"A:1\"", "slist_append list1 \"B:2\"",
+                                   "slist_append list1 \"Empty:\"",
+                                   "easy_setopt handle1 CURLOPT_QUOTE list1"));
   Mark();
   Dirty();
   EXPECT_OK(req->setHeaders({}));
@@ -204,12 +206,14 @@ TEST_F(KdFTPReqTest, CommandsAreLinesInTheOrderOfTheirNames) {
   EXPECT_THAT(Calls(), IsEmpty());
   EXPECT_OK(req->setHeaders({{"C", "3"}})) << "they add up";
   EXPECT_OK(req->addQuoteCommand("DELE x"));
-  EXPECT_THAT(Calls(),
-              ElementsAre("slist_append list1 \"C:3\"", "easy_setopt handle1 10028 list1",
-                          "slist_append list1 \"DELE x\"", "easy_setopt handle1 10028 list1"));
+  EXPECT_THAT(
+      Calls(),
+      ElementsAre("slist_append list1 \"C:3\"", "easy_setopt handle1 CURLOPT_QUOTE list1",
+                  "slist_append list1 \"DELE x\"", "easy_setopt handle1 CURLOPT_QUOTE list1"));
   Mark();
   EXPECT_OK(req->unsetOpTypeParameter());
-  EXPECT_THAT(Calls(), ElementsAre("easy_setopt handle1 10028 null", "slist_free_all list1"));
+  EXPECT_THAT(Calls(),
+              ElementsAre("easy_setopt handle1 CURLOPT_QUOTE null", "slist_free_all list1"));
   EXPECT_EQ(req->m_headerList, nullptr);
 }
 
@@ -259,20 +263,30 @@ TEST_F(KdFTPReqTest, CommandsStillThereAreFreedWithTheObject) {
 
 TEST_F(KdFTPReqTest, EachTypeSetsItsOptionsAndTakesThemBack) {
   const std::string sizeCallBack =
-      Shown(CURLOPT_HEADERFUNCTION, KdCURL::KdProtocolReq::getContentSize);
+      Opt(CURLOPT_HEADERFUNCTION, KdCURL::KdProtocolReq::getContentSize);
   const struct {
     KdCURL::operationType type;
     std::vector<std::string> set;
     std::vector<std::string> unset;
   } rows[] = {
-      {KdCURL::OP_UPLOAD_FILE, {"61 1", "46 1", "30115 77", "110 1"}, {"46 0", "30115 0"}},
-      {KdCURL::OP_DOWNLOAD_FILE, {"61 1"}, {}},
-      {KdCURL::OP_GET_FILE_DIR_LIST, {"61 1", "48 1"}, {"48 0"}},
+      {KdCURL::OP_UPLOAD_FILE,
+       {Opt(CURLOPT_HTTPPROXYTUNNEL, 1), Opt(CURLOPT_UPLOAD, 1), Opt(CURLOPT_INFILESIZE_LARGE, 77),
+        Opt(CURLOPT_FTP_CREATE_MISSING_DIRS, 1)},
+       {Opt(CURLOPT_UPLOAD, 0), Opt(CURLOPT_INFILESIZE_LARGE, 0)}},
+      {KdCURL::OP_DOWNLOAD_FILE, {Opt(CURLOPT_HTTPPROXYTUNNEL, 1)}, {}},
+      {KdCURL::OP_GET_FILE_DIR_LIST,
+       {Opt(CURLOPT_HTTPPROXYTUNNEL, 1), Opt(CURLOPT_DIRLISTONLY, 1)},
+       {Opt(CURLOPT_DIRLISTONLY, 0)}},
       {KdCURL::OP_GET_FILE_INFO,
-       {"61 1", "44 1", sizeCallBack, "42 0"},
-       {"44 0", "20079 null", "42 0"}},
-      {KdCURL::OP_CHECK_FILE_DIR_EXIST, {"61 1", "44 1"}, {"44 0"}},
-      {KdCURL::OP_GET_INFO, {"61 1", "44 1"}, {"44 0"}},
+       {Opt(CURLOPT_HTTPPROXYTUNNEL, 1), Opt(CURLOPT_NOBODY, 1), sizeCallBack,
+        Opt(CURLOPT_HEADER, 0)},
+       {Opt(CURLOPT_NOBODY, 0), Opt(CURLOPT_HEADERFUNCTION, nullptr), Opt(CURLOPT_HEADER, 0)}},
+      {KdCURL::OP_CHECK_FILE_DIR_EXIST,
+       {Opt(CURLOPT_HTTPPROXYTUNNEL, 1), Opt(CURLOPT_NOBODY, 1)},
+       {Opt(CURLOPT_NOBODY, 0)}},
+      {KdCURL::OP_GET_INFO,
+       {Opt(CURLOPT_HTTPPROXYTUNNEL, 1), Opt(CURLOPT_NOBODY, 1)},
+       {Opt(CURLOPT_NOBODY, 0)}},
   };
   req->m_lDataSize = 77;
   for (const auto& [type, set, unset] : rows) {
@@ -288,7 +302,7 @@ TEST_F(KdFTPReqTest, EachTypeSetsItsOptionsAndTakesThemBack) {
     Mark();
     EXPECT_OK(req->unsetOpTypeParameter());
     std::vector<std::string> withProxy = unset;
-    withProxy.insert(withProxy.begin(), "61 0");
+    withProxy.insert(withProxy.begin(), Opt(CURLOPT_HTTPPROXYTUNNEL, 0));
     EXPECT_EQ(Options(), withProxy);
     req->m_bIsProxySet = false;
   }
@@ -298,7 +312,7 @@ TEST_F(KdFTPReqTest, SizesBeyond32BitsAreKept) {
   req->m_lDataSize = 5'000'000'000;
   req->setOperationType(KdCURL::OP_UPLOAD_FILE);
   EXPECT_OK(req->setMethodParameter());
-  EXPECT_THAT(Options(), testing::Contains("30115 5000000000"));
+  EXPECT_THAT(Options(), testing::Contains(Opt(CURLOPT_INFILESIZE_LARGE, 5000000000)));
 }
 
 TEST_F(KdFTPReqTest, OtherTypesAreRefusedWithTheTunnelSet) {
@@ -308,7 +322,7 @@ TEST_F(KdFTPReqTest, OtherTypesAreRefusedWithTheTunnelSet) {
     req->setOperationType(Type(type));
     Mark();
     EXPECT_FAILS(req->setMethodParameter(), IntCode(101), text.c_str());
-    EXPECT_THAT(Options(), ElementsAre("61 1"));
+    EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_HTTPPROXYTUNNEL, 1)));
     Mark();
     EXPECT_OK(req->unsetOpTypeParameter());
     EXPECT_THAT(Options(), IsEmpty());
@@ -340,7 +354,8 @@ TEST_F(KdFTPReqTest, AnUploadReadsItsFile) {
   const std::string path = folder / "source";
   EXPECT_OK(req->uploadFile(path.c_str(), "p", 10, {}));
   EXPECT_EQ(sent, "0123|456789|");
-  EXPECT_THAT(Options(), testing::Contains("10009 null")) << "gone with the request";
+  EXPECT_THAT(Options(), testing::Contains(Opt(CURLOPT_READDATA, nullptr)))
+      << "gone with the request";
   EXPECT_OK(req->uploadFile(path.c_str(), "p", 10, {}));
   EXPECT_EQ(sent, "0123|456789|") << "from its start";
 }
@@ -407,7 +422,7 @@ TEST_F(KdFTPReqTest, AMissingSourceFileIsNotSent) {
   EXPECT_FAILS(req->uploadFile("/absent/source", "p", 10, {}), ErrNoCode(ENOENT),
                "Failed to open file [/absent/source]");
   EXPECT_THAT(fake.CallsTo("easy_perform"), IsEmpty());
-  EXPECT_THAT(Options(), testing::Contains("46 0")) << "undone all the same";
+  EXPECT_THAT(Options(), testing::Contains(Opt(CURLOPT_UPLOAD, 0))) << "undone all the same";
 }
 
 TEST_F(KdFTPReqTest, AResumedUploadAppendsOnce) {
@@ -421,11 +436,14 @@ TEST_F(KdFTPReqTest, AResumedUploadAppendsOnce) {
   req->setResumeOffset(7);
   EXPECT_OK(req->uploadFile(path.c_str(), "p", 10, {}));
   EXPECT_EQ(sent, "789");
-  EXPECT_THAT(Options(), testing::IsSupersetOf({"30116 7", "30116 0", "50 0"}));
+  EXPECT_THAT(Options(),
+              testing::IsSupersetOf({Opt(CURLOPT_RESUME_FROM_LARGE, 7),
+                                     Opt(CURLOPT_RESUME_FROM_LARGE, 0), Opt(CURLOPT_APPEND, 0)}));
   Mark();
   EXPECT_OK(req->uploadFile(path.c_str(), "p", 10, {}));
   EXPECT_EQ(sent, "0123456789");
-  EXPECT_THAT(Options(), testing::Not(testing::Contains(testing::StartsWith("30116 "))));
+  EXPECT_THAT(Options(),
+              testing::Not(testing::Contains(testing::StartsWith("CURLOPT_RESUME_FROM_LARGE "))));
 }
 
 // The probe for files.

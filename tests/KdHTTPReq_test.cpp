@@ -131,7 +131,7 @@ TEST_F(KdHTTPReqTest, AuthenticationIsHandedOnAsGiven) {
   std::memset(req->m_szErrorBuffer, 'x', kErrorBufferSize);
   EXPECT_OK(req->setHTTPAuth(0x100000002L));
   EXPECT_TRUE(IsCleared(req->m_szErrorBuffer));
-  EXPECT_THAT(Options(), ElementsAre("107 4294967298"));
+  EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_HTTPAUTH, 4294967298)));
   EXPECT_EQ(req->m_curlCode, 0);
   fake.refusedOptions[CURLOPT_HTTPAUTH] = kRefusal;
   EXPECT_FAILS(req->setHTTPAuth(1), TransferCode(kRefusal), "-Failed to set option [107]");
@@ -144,9 +144,9 @@ TEST_F(KdHTTPReqTest, HeadersAreLinesInTheOrderOfTheirNames) {
   std::memset(req->m_szErrorBuffer, 'x', kErrorBufferSize);
   EXPECT_OK(req->setHeaders({{"B", "2"}, {"A", "1"}, {"Empty", ""}}));
   EXPECT_TRUE(IsCleared(req->m_szErrorBuffer));
-  EXPECT_THAT(Calls(),
-              ElementsAre("slist_append null \"A:1\"", "slist_append list1 \"B:2\"",
-                          "slist_append list1 \"Empty:\"", "easy_setopt handle1 10023 list1"));
+  EXPECT_THAT(Calls(), ElementsAre("slist_append null \"A:1\"", "slist_append list1 \"B:2\"",
+                                   "slist_append list1 \"Empty:\"",
+                                   "easy_setopt handle1 CURLOPT_HTTPHEADER list1"));
   EXPECT_OK(req->unSetMethodParameter());
 }
 
@@ -159,8 +159,8 @@ TEST_F(KdHTTPReqTest, AnEmptyMapLeavesTheHeadersInForce) {
   EXPECT_THAT(Calls(), IsEmpty());
   EXPECT_NE(req->m_headerList, nullptr);
   EXPECT_OK(req->setHeaders({{"B", "2"}}));
-  EXPECT_THAT(Calls(),
-              ElementsAre("slist_append list1 \"B:2\"", "easy_setopt handle1 10023 list1"));
+  EXPECT_THAT(Calls(), ElementsAre("slist_append list1 \"B:2\"",
+                                   "easy_setopt handle1 CURLOPT_HTTPHEADER list1"));
 }
 
 TEST_F(KdHTTPReqTest, RefusedHeadersFail) {
@@ -181,7 +181,7 @@ TEST_F(KdHTTPReqTest, AListThatCannotBeMadeIsSetAsItIs) {
   fake.nulls.insert("slist_append");
   EXPECT_OK(req->setHeaders({{"A", "1"}}));
   EXPECT_EQ(req->m_headerList, nullptr);
-  EXPECT_THAT(Options(), ElementsAre("10023 null"));
+  EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_HTTPHEADER, nullptr)));
 }
 
 // What a type sets on the handle and how it is undone.
@@ -196,20 +196,26 @@ void Arrange(HttpReq& req, int type) {
 
 TEST_F(KdHTTPReqTest, EachTypeSetsItsOptionsInOrder) {
   const auto pointer = [](CURLoption option, const char* text) {
-    return Shown(option, static_cast<const void*>(text));
+    return Opt(option, static_cast<const void*>(text));
   };
   const struct {
     int type;
     std::vector<std::string> options;
   } rows[] = {
-      {1, {"10024 null"}},
-      {2, {"80 1"}},
+      {1, {Opt(CURLOPT_HTTPPOST, nullptr)}},
+      {2, {Opt(CURLOPT_HTTPGET, 1)}},
       {3, {}},
-      {4, {"44 1", Shown(CURLOPT_HEADERFUNCTION, &HttpReq::getContentSize), "42 0"}},
-      {5, {"44 1"}},
-      {6, {"47 1", "60 7", pointer(CURLOPT_POSTFIELDS, req->m_strPostString.c_str())}},
-      {7, {"44 1"}},
-      {9, {"10036 \"PATCH\"", pointer(CURLOPT_POSTFIELDS, kBody), "60 4"}},
+      {4,
+       {Opt(CURLOPT_NOBODY, 1), Opt(CURLOPT_HEADERFUNCTION, &HttpReq::getContentSize),
+        Opt(CURLOPT_HEADER, 0)}},
+      {5, {Opt(CURLOPT_NOBODY, 1)}},
+      {6,
+       {Opt(CURLOPT_POST, 1), Opt(CURLOPT_POSTFIELDSIZE, 7),
+        pointer(CURLOPT_POSTFIELDS, req->m_strPostString.c_str())}},
+      {7, {Opt(CURLOPT_NOBODY, 1)}},
+      {9,
+       {Opt(CURLOPT_CUSTOMREQUEST, "PATCH"), pointer(CURLOPT_POSTFIELDS, kBody),
+        Opt(CURLOPT_POSTFIELDSIZE, 4)}},
   };
   for (const auto& [type, options] : rows) {
     SCOPED_TRACE(type);
@@ -231,14 +237,15 @@ TEST_F(KdHTTPReqTest, EachTypeIsUndoneInOrder) {
     int type;
     std::vector<std::string> options;
   } rows[] = {
-      {1, {"10024 null", "30115 0"}},
-      {2, {"80 0"}},
+      {1, {Opt(CURLOPT_HTTPPOST, nullptr), Opt(CURLOPT_INFILESIZE_LARGE, 0)}},
+      {2, {Opt(CURLOPT_HTTPGET, 0)}},
       {3, {}},
-      {4, {"44 0", "20079 null", "42 0"}},
-      {5, {"44 0"}},
-      {6, {"47 0", "10015 null", "60 0"}},
-      {7, {"44 0"}},
-      {9, {"10036 null", "47 0", "60 0"}},
+      {4, {Opt(CURLOPT_NOBODY, 0), Opt(CURLOPT_HEADERFUNCTION, nullptr), Opt(CURLOPT_HEADER, 0)}},
+      {5, {Opt(CURLOPT_NOBODY, 0)}},
+      {6, {Opt(CURLOPT_POST, 0), Opt(CURLOPT_POSTFIELDS, nullptr), Opt(CURLOPT_POSTFIELDSIZE, 0)}},
+      {7, {Opt(CURLOPT_NOBODY, 0)}},
+      {9,
+       {Opt(CURLOPT_CUSTOMREQUEST, nullptr), Opt(CURLOPT_POST, 0), Opt(CURLOPT_POSTFIELDSIZE, 0)}},
   };
   for (const auto& [type, options] : rows) {
     SCOPED_TRACE(type);
@@ -279,7 +286,7 @@ TEST_F(KdHTTPReqTest, HeadersAndFormFieldsAreDroppedWhateverTheType) {
     EXPECT_EQ(Failed(error), type < 1 || type == 8 || type > 9);
     ASSERT_GE(Calls().size(), 2u);
     EXPECT_EQ(Calls()[0], "slist_free_all " + list);
-    EXPECT_EQ(Calls()[1], "easy_setopt handle1 10023 null");
+    EXPECT_EQ(Calls()[1], "easy_setopt handle1 CURLOPT_HTTPHEADER null");
     EXPECT_EQ(req->m_headerList, nullptr);
     EXPECT_THAT(req->m_formInfo, IsEmpty());
   }
@@ -290,18 +297,18 @@ TEST_F(KdHTTPReqTest, ABufferIsPostedWithItsSize) {
   EXPECT_OK(req->setMethodParameter());
   const std::vector<std::string> options = Options();
   ASSERT_EQ(options.size(), 3u);
-  EXPECT_EQ(options[0], "47 1");
-  EXPECT_EQ(options[1], "60 4");
-  EXPECT_THAT(options[2], StartsWith("10015 0x"));
+  EXPECT_EQ(options[0], Opt(CURLOPT_POST, 1));
+  EXPECT_EQ(options[1], Opt(CURLOPT_POSTFIELDSIZE, 4));
+  EXPECT_THAT(options[2], StartsWith("CURLOPT_POSTFIELDS 0x"));
 
   Mark();
   req->m_lDataSize = 0;
   EXPECT_OK(req->setMethodParameter());
-  EXPECT_THAT(Options(), ElementsAre("47 1", "60 0"));
+  EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_POST, 1), Opt(CURLOPT_POSTFIELDSIZE, 0)));
   Mark();
   req->m_PostBuffer = nullptr;
   EXPECT_OK(req->setMethodParameter());
-  EXPECT_THAT(Options(), ElementsAre("47 1", "60 0"));
+  EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_POST, 1), Opt(CURLOPT_POSTFIELDSIZE, 0)));
 }
 
 TEST_F(KdHTTPReqTest, AMissingBufferIsAnErrorWhereOneIsNeeded) {
@@ -311,8 +318,10 @@ TEST_F(KdHTTPReqTest, AMissingBufferIsAnErrorWhereOneIsNeeded) {
     std::vector<std::string> options;
   } rows[] = {{8,
                "KdProtocol buffer is NULL. Set buffer before calling doPostOperation function.",
-               {"47 1", "60 4"}},
-              {9, "KdProtocol buffer is NULL. Set buffer before calling.", {"10036 \"PATCH\""}}};
+               {Opt(CURLOPT_POST, 1), Opt(CURLOPT_POSTFIELDSIZE, 4)}},
+              {9,
+               "KdProtocol buffer is NULL. Set buffer before calling.",
+               {Opt(CURLOPT_CUSTOMREQUEST, "PATCH")}}};
   for (const auto& [type, text, options] : rows) {
     SCOPED_TRACE(type);
     Mark();
@@ -331,12 +340,14 @@ TEST_F(KdHTTPReqTest, AMissingBufferIsAnErrorWhereOneIsNeeded) {
 
 TEST_F(KdHTTPReqTest, ADownloadRunsItsStepsInOrder) {
   EXPECT_OK(req->download("d/f", {{"B", "2"}, {"A", "1"}}));
-  EXPECT_THAT(Calls(),
-              ElementsAre("easy_setopt handle1 10002 \"http://h/d/f\"", "easy_setopt handle1 80 1",
-                          "slist_append null \"A:1\"", "slist_append list1 \"B:2\"",
-                          "easy_setopt handle1 10023 list1", "easy_perform handle1",
-                          "easy_getinfo handle1 2097154", "slist_free_all list1",
-                          "easy_setopt handle1 10023 null", "easy_setopt handle1 80 0"));
+  EXPECT_THAT(
+      Calls(),
+      ElementsAre("easy_setopt handle1 CURLOPT_URL \"http://h/d/f\"",
+                  "easy_setopt handle1 CURLOPT_HTTPGET 1", "slist_append null \"A:1\"",
+                  "slist_append list1 \"B:2\"", "easy_setopt handle1 CURLOPT_HTTPHEADER list1",
+                  "easy_perform handle1", "easy_getinfo handle1 2097154", "slist_free_all list1",
+                  "easy_setopt handle1 CURLOPT_HTTPHEADER null",
+                  "easy_setopt handle1 CURLOPT_HTTPGET 0"));
   EXPECT_THAT(fake.transfers.at(0).headers, ElementsAre("A:1", "B:2"));
 }
 
@@ -388,7 +399,7 @@ TEST_F(KdHTTPReqTest, AQueryAsksForNoBodyAndSwallowsTheHeaders) {
   EXPECT_EQ(size, 12);
   EXPECT_EQ(swallowed, 20u);
   EXPECT_EQ(fake.transfers.at(0).Option(CURLOPT_NOBODY), "1");
-  EXPECT_EQ(Options().back(), "42 0");
+  EXPECT_EQ(Options().back(), Opt(CURLOPT_HEADER, 0));
 }
 
 // Forms.
@@ -444,19 +455,20 @@ TEST_F(KdHTTPReqTest, AnUploadIsUndoneInOrder) {
   EXPECT_OK(req->addFormValues("f", CURLFORM_FILE, "/a/b"));
   EXPECT_OK(req->uploadFile("/source", "up", 9, {}));
   const std::string form = fake.Show(&req->m_FormPost) + " " + fake.Show(&req->m_FormLast);
-  EXPECT_THAT(
-      Calls(),
-      ElementsAre("easy_setopt handle1 10002 \"http://h/up\"",
-                  "slist_append null \"" + kDisposition + "\"n\"\"",
-                  "formadd " + form + " 15 list1 1 \"n\" 4 \"v\" 17",
-                  "slist_append null \"" + kDisposition + "\"f\";filename=\"b\"\"",
-                  "formadd " + form + " 15 list2 1 \"f\" 10 \"/a/b\" 17",
-                  "easy_setopt handle1 10024 form1", "slist_append null \"Expect:100-continue\"",
-                  "easy_setopt handle1 10023 list3", "easy_perform handle1",
-                  "easy_getinfo handle1 2097154", "slist_free_all list3",
-                  "easy_setopt handle1 10023 null", "easy_setopt handle1 10024 null",
-                  "easy_setopt handle1 30115 0", "formfree form1", "slist_free_all list1",
-                  "slist_free_all list2"));
+  EXPECT_THAT(Calls(),
+              ElementsAre("easy_setopt handle1 CURLOPT_URL \"http://h/up\"",
+                          "slist_append null \"" + kDisposition + "\"n\"\"",
+                          "formadd " + form + " 15 list1 1 \"n\" 4 \"v\" 17",
+                          "slist_append null \"" + kDisposition + "\"f\";filename=\"b\"\"",
+                          "formadd " + form + " 15 list2 1 \"f\" 10 \"/a/b\" 17",
+                          "easy_setopt handle1 CURLOPT_HTTPPOST form1",
+                          "slist_append null \"Expect:100-continue\"",
+                          "easy_setopt handle1 CURLOPT_HTTPHEADER list3", "easy_perform handle1",
+                          "easy_getinfo handle1 2097154", "slist_free_all list3",
+                          "easy_setopt handle1 CURLOPT_HTTPHEADER null",
+                          "easy_setopt handle1 CURLOPT_HTTPPOST null",
+                          "easy_setopt handle1 CURLOPT_INFILESIZE_LARGE 0", "formfree form1",
+                          "slist_free_all list1", "slist_free_all list2"));
 }
 
 TEST_F(KdHTTPReqTest, AFailedUploadLeavesNothingBehind) {

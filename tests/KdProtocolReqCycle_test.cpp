@@ -27,23 +27,25 @@ class KdProtocolReqCycle : public TestReqTest {
     req->setHeaderWriteCallBack(&m_header, &TakeNothing);
   }
   std::vector<std::string> CallBackOptions() const {
-    const std::string function = Shown(CURLOPT_WRITEFUNCTION, &TakeNothing).substr(6);
-    const auto pair = [&](int data, const void* instance, int functionOption) {
-      return std::vector<std::string>{
-          "easy_setopt handle1 " + Shown(static_cast<CURLoption>(data), instance),
-          "easy_setopt handle1 " + std::to_string(functionOption) + " " + function};
+    const auto pair = [&](CURLoption data, const void* instance, CURLoption function) {
+      return std::vector<std::string>{"easy_setopt handle1 " + Opt(data, instance),
+                                      "easy_setopt handle1 " + Opt(function, &TakeNothing)};
     };
     std::vector<std::string> all;
-    for (const auto& part : {pair(10001, &m_writer, 20011), pair(10009, &m_reader, 20012),
-                             pair(10029, &m_header, 20079)}) {
+    for (const auto& part : {pair(CURLOPT_WRITEDATA, &m_writer, CURLOPT_WRITEFUNCTION),
+                             pair(CURLOPT_READDATA, &m_reader, CURLOPT_READFUNCTION),
+                             pair(CURLOPT_HEADERDATA, &m_header, CURLOPT_HEADERFUNCTION)}) {
       all.insert(all.end(), part.begin(), part.end());
     }
     return all;
   }
   static std::vector<std::string> CallBackResets() {
-    return {"easy_setopt handle1 10001 null", "easy_setopt handle1 20011 null",
-            "easy_setopt handle1 10009 null", "easy_setopt handle1 20012 null",
-            "easy_setopt handle1 10029 null", "easy_setopt handle1 20079 null"};
+    return {"easy_setopt handle1 CURLOPT_WRITEDATA null",
+            "easy_setopt handle1 CURLOPT_WRITEFUNCTION null",
+            "easy_setopt handle1 CURLOPT_READDATA null",
+            "easy_setopt handle1 CURLOPT_READFUNCTION null",
+            "easy_setopt handle1 CURLOPT_HEADERDATA null",
+            "easy_setopt handle1 CURLOPT_HEADERFUNCTION null"};
   }
   void ExpectCleared() const {
     EXPECT_EQ(req->m_WriteFunPtr, nullptr);
@@ -67,8 +69,8 @@ std::vector<std::string> Join(std::initializer_list<std::vector<std::string>> pa
 }
 
 const std::vector<std::string> kPreparation = {
-    "hook getFullWorkingURL", "easy_setopt handle1 10002 \"s/p\"", "hook setMethodParameter 2",
-    "hook setHeaders A=1;B=2;"};
+    "hook getFullWorkingURL", "easy_setopt handle1 CURLOPT_URL \"s/p\"",
+    "hook setMethodParameter 2", "hook setHeaders A=1;B=2;"};
 const std::vector<std::string> kExecution = {"easy_perform handle1", "easy_getinfo handle1 2097154",
                                              "hook isOperationSuccess 200"};
 
@@ -270,14 +272,14 @@ TEST_F(KdProtocolReqCycle, HalfAPairIsNeitherSetNorUnset) {
   req->setReadCallBack(nullptr, &TakeNothing);
   req->setHeaderWriteCallBack(&m_header, nullptr);
   EXPECT_OK(req->SendReqest());
-  EXPECT_THAT(Options(), ElementsAre("10002 \"s/p\""));
+  EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_URL, "s/p")));
   ExpectCleared();
   Mark();
   req->setWriteCallBack(nullptr, &TakeNothing);
   req->setReadCallBack(&m_reader, nullptr);
   req->setHeaderWriteCallBack(nullptr, &TakeNothing);
   EXPECT_OK(req->SendReqest());
-  EXPECT_THAT(Options(), ElementsAre("10002 \"s/p\""));
+  EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_URL, "s/p")));
   ExpectCleared();
 }
 
@@ -298,8 +300,8 @@ TEST_F(KdProtocolReqCycle, HalfAPairAfterAFullOneIsNeitherSetNorUnset) {
     req->setReadCallBack(instance, function);
     req->setHeaderWriteCallBack(instance, function);
     EXPECT_OK(req->SendReqest());
-    EXPECT_THAT(Options(), ElementsAre("10002 \"s/p\"",
-                                       Shown(CURLOPT_WRITEDATA, static_cast<const void*>(stdout))));
+    EXPECT_THAT(Options(), ElementsAre(Opt(CURLOPT_URL, "s/p"),
+                                       Opt(CURLOPT_WRITEDATA, static_cast<const void*>(stdout))));
     for (const CURLoption option : {CURLOPT_WRITEFUNCTION, CURLOPT_READDATA, CURLOPT_READFUNCTION,
                                     CURLOPT_HEADERDATA, CURLOPT_HEADERFUNCTION}) {
       EXPECT_EQ(fake.transfers.back().Option(option), "null") << option;
@@ -312,13 +314,15 @@ TEST_F(KdProtocolReqCycle, EachPairIsSetOnItsOwn) {
   const struct {
     const char* label;
     std::function<void(TestReq&, void*)> set;
-    int data;
-    int function;
+    CURLoption data;
+    CURLoption function;
   } rows[] = {
-      {"write", [](TestReq& r, void* p) { r.setWriteCallBack(p, &TakeNothing); }, 10001, 20011},
-      {"read", [](TestReq& r, void* p) { r.setReadCallBack(p, &TakeNothing); }, 10009, 20012},
-      {"header", [](TestReq& r, void* p) { r.setHeaderWriteCallBack(p, &TakeNothing); }, 10029,
-       20079},
+      {"write", [](TestReq& r, void* p) { r.setWriteCallBack(p, &TakeNothing); }, CURLOPT_WRITEDATA,
+       CURLOPT_WRITEFUNCTION},
+      {"read", [](TestReq& r, void* p) { r.setReadCallBack(p, &TakeNothing); }, CURLOPT_READDATA,
+       CURLOPT_READFUNCTION},
+      {"header", [](TestReq& r, void* p) { r.setHeaderWriteCallBack(p, &TakeNothing); },
+       CURLOPT_HEADERDATA, CURLOPT_HEADERFUNCTION},
   };
   for (const auto& [label, set, data, function] : rows) {
     SCOPED_TRACE(label);
@@ -329,10 +333,10 @@ TEST_F(KdProtocolReqCycle, EachPairIsSetOnItsOwn) {
     set(*fresh, &m_writer);
     EXPECT_OK(fresh->SendReqest());
     const std::string handle = "easy_setopt " + fake.Show(fresh->m_curlContext->m_curl) + " ";
-    EXPECT_THAT(fake.CallsTo(handle, mark),
-                ElementsAre("10002 \"s/\"", Shown(static_cast<CURLoption>(data), &m_writer),
-                            Shown(static_cast<CURLoption>(function), &TakeNothing),
-                            std::to_string(data) + " null", std::to_string(function) + " null"));
+    EXPECT_THAT(
+        fake.CallsTo(handle, mark),
+        ElementsAre(Opt(CURLOPT_URL, "s/"), Opt(data, &m_writer), Opt(function, &TakeNothing),
+                    Opt(data, nullptr), Opt(function, nullptr)));
   }
 }
 
@@ -373,8 +377,8 @@ TEST_F(KdProtocolReqCycle, WithoutAWritePairLibcurlsOwnSinkIsGivenBack) {
   EXPECT_OK(req->SendReqest());
   for (int i = 0; i < 2; ++i) {
     EXPECT_OK(req->SendReqest());
-    EXPECT_EQ("10001 " + fake.transfers.back().Option(CURLOPT_WRITEDATA),
-              Shown(CURLOPT_WRITEDATA, static_cast<const void*>(stdout)));
+    EXPECT_EQ("CURLOPT_WRITEDATA " + fake.transfers.back().Option(CURLOPT_WRITEDATA),
+              Opt(CURLOPT_WRITEDATA, static_cast<const void*>(stdout)));
     EXPECT_EQ(fake.transfers.back().Option(CURLOPT_WRITEFUNCTION), "null");
   }
 }

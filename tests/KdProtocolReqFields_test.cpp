@@ -67,7 +67,7 @@ TEST_F(KdProtocolReqFields, ABreakInAFieldRefusesTheRequestBeforeAnythingIsSet) 
         ExpectRefused(text, "sec");
         const std::vector<std::string> calls = Calls();
         ASSERT_EQ(calls.size(), 1U);
-        EXPECT_THAT(calls[0], testing::EndsWith(" " + Shown(CURLOPT_HTTPGET, 0L)))
+        EXPECT_THAT(calls[0], testing::EndsWith(" " + Opt(CURLOPT_HTTPGET, 0L)))
             << "nothing but the undoing of the operation";
       }
     }

@@ -52,7 +52,7 @@ class KdProtocolReqOperations : public TestReqTest {
   void ExpectRequest(const std::string& path, int type, const std::string& headers) const {
     EXPECT_THAT(
         Calls(),
-        ElementsAre("hook getFullWorkingURL", "easy_setopt handle1 10002 \"s/" + path + "\"",
+        ElementsAre("hook getFullWorkingURL", "easy_setopt handle1 CURLOPT_URL \"s/" + path + "\"",
                     "hook setMethodParameter " + std::to_string(type), "hook setHeaders" + headers,
                     "easy_perform handle1", "easy_getinfo handle1 2097154",
                     "hook isOperationSuccess 200", "hook unsetOpTypeParameter"));

@@ -26,56 +26,64 @@ std::vector<Setter> Setters() {
   return {
       {"setSecured on",
        [](TestReq& r) { return r.setSecured(true, "/ca.crt"); },
-       {"64 1", "81 2", "10065 \"/ca.crt\""},
+       {Opt(CURLOPT_SSL_VERIFYPEER, 1), Opt(CURLOPT_SSL_VERIFYHOST, 2),
+        Opt(CURLOPT_CAINFO, "/ca.crt")},
        "function."},
       {"setSecured off",
        [](TestReq& r) { return r.setSecured(false, "/ca.crt"); },
-       {"64 0", "81 0"},
+       {Opt(CURLOPT_SSL_VERIFYPEER, 0), Opt(CURLOPT_SSL_VERIFYHOST, 0)},
        "function."},
       {"setMaxSSLVersion",
        [](TestReq& r) { return r.setMaxSSLVersion(CURL_SSLVERSION_MAX_TLSv1_2); },
-       {"32 393216", "250 393216"},
+       {Opt(CURLOPT_SSLVERSION, 393216), Opt(CURLOPT_PROXY_SSLVERSION, 393216)},
        "function.",
        Kind::kWithCodeInText},
       {"setKeepAlive on",
        [](TestReq& r) { return r.setKeepAlive(true, 60, 5000000000L); },
-       {"213 1", "214 60", "215 5000000000"},
+       {Opt(CURLOPT_TCP_KEEPALIVE, 1), Opt(CURLOPT_TCP_KEEPIDLE, 60),
+        Opt(CURLOPT_TCP_KEEPINTVL, 5000000000)},
        "function.",
        Kind::kStaleCode},
       {"setKeepAlive off",
        [](TestReq& r) { return r.setKeepAlive(false, 60, 30); },
-       {"213 0"},
+       {Opt(CURLOPT_TCP_KEEPALIVE, 0)},
        "function.",
        Kind::kStaleCode},
       {"setProxyDetails",
        [](TestReq& r) { return r.setProxyDetails("p", "u", "w", "3128"); },
-       {"101 0", "10004 \"p:3128\"", "10006 \"u:w\""},
+       {Opt(CURLOPT_PROXYTYPE, 0), Opt(CURLOPT_PROXY, "p:3128"), Opt(CURLOPT_PROXYUSERPWD, "u:w")},
        "function."},
       {"setProxyDetails, server alone",
        [](TestReq& r) { return r.setProxyDetails("p", "", "", ""); },
-       {"101 0", "10004 \"p:\"", "10006 \":\""},
+       {Opt(CURLOPT_PROXYTYPE, 0), Opt(CURLOPT_PROXY, "p:"), Opt(CURLOPT_PROXYUSERPWD, ":")},
        "function."},
       {"setProxyBypass",
        [](TestReq& r) { return r.setProxyBypass("a,b"); },
-       {"10177 \"a,b\""},
+       {Opt(CURLOPT_NOPROXY, "a,b")},
        "function."},
-      {"DisableProxy", [](TestReq& r) { return r.DisableProxy(); }, {"10004 \"\""}, "functions."},
+      {"DisableProxy",
+       [](TestReq& r) { return r.DisableProxy(); },
+       {Opt(CURLOPT_PROXY, "")},
+       "functions."},
       {"setProyAuth",
        [](TestReq& r) { return r.setProyAuth(0x100000009L); },
-       {"111 4294967305"},
+       {Opt(CURLOPT_PROXYAUTH, 4294967305)},
        "functions."},
-      {"SetTimeOut", [](TestReq& r) { return r.SetTimeOut(-5); }, {"13 -5"}, "functions."},
+      {"SetTimeOut",
+       [](TestReq& r) { return r.SetTimeOut(-5); },
+       {Opt(CURLOPT_TIMEOUT, -5)},
+       "functions."},
       {"SetConnectionTimeOut",
        [](TestReq& r) { return r.SetConnectionTimeOut(7); },
-       {"78 7"},
+       {Opt(CURLOPT_CONNECTTIMEOUT, 7)},
        "functions."},
       {"setCredentials",
        [](TestReq& r) { return r.setCredentials("u", "p:w"); },
-       {"10005 \"u:p:w\""},
+       {Opt(CURLOPT_USERPWD, "u:p:w")},
        "function."},
       {"setCredentials, empty",
        [](TestReq& r) { return r.setCredentials("", ""); },
-       {"10005 \":\""},
+       {Opt(CURLOPT_USERPWD, ":")},
        "function."},
   };
 }
@@ -98,13 +106,12 @@ TEST_F(KdProtocolReqOptions, StopAtTheFirstRefusal) {
   for (const Setter& setter : Setters()) {
     for (size_t n = 0; n < setter.options.size(); ++n) {
       const std::string& refused = setter.options[n];
-      const std::string number = refused.substr(0, refused.find(' '));
-      SCOPED_TRACE(setter.label + (" " + number));
+      SCOPED_TRACE(setter.label + (" " + refused));
       Mark();
-      fake.refusedOptions = {{std::stoi(number), kRefusal}};
+      fake.refusedOptions = {{NumberOf(refused), kRefusal}};
       req->m_curlCode = kStale;
       const CZuError error = setter.call(*req);
-      std::string text = "Failed to set option [" + number + "]";
+      std::string text = "Failed to set option [" + std::to_string(NumberOf(refused)) + "]";
       if (setter.kind == Kind::kWithCodeInText) text += ". Curl Error code [48] ";
       const int code = setter.kind == Kind::kStaleCode ? kStale : kRefusal;
       EXPECT_FAILS(error, TransferCode(code), text.c_str());
@@ -175,8 +182,8 @@ TEST_F(KdProtocolReqOptions, CredentialsAreKeptEvenWhenLibcurlRefusesThem) {
 TEST_F(KdProtocolReqOptions, TheTraceIsHandedOnWhateverLibcurlSays) {
   int instance = 0;
   const std::vector<std::string> options = {
-      Shown(CURLOPT_DEBUGFUNCTION, &Trace),
-      Shown(CURLOPT_DEBUGDATA, static_cast<const void*>(&instance))};
+      Opt(CURLOPT_DEBUGFUNCTION, &Trace),
+      Opt(CURLOPT_DEBUGDATA, static_cast<const void*>(&instance))};
   req->m_curlCode = kStale;
   EXPECT_OK(req->setTraceCallBack(&instance, &Trace));
   EXPECT_THAT(Options(), ElementsAreArray(options));

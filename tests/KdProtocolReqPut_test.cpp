@@ -58,13 +58,13 @@ TEST_F(PutFile, SetsTheUploadAndItsSizeAndTakesBothBack) {
   const void* const none = nullptr;
   EXPECT_THAT(
       Options(),
-      ElementsAre(Shown(CURLOPT_URL, "http://h/p"), Shown(CURLOPT_UPLOAD, 1L),
-                  Shown(CURLOPT_INFILESIZE_LARGE, 8L), Shown(CURLOPT_READDATA, source),
-                  Shown(CURLOPT_READFUNCTION, FileSource::Read), Shown(CURLOPT_SEEKDATA, source),
-                  Shown(CURLOPT_SEEKFUNCTION, FileSource::Seek), Shown(CURLOPT_READDATA, none),
-                  Shown(CURLOPT_READFUNCTION, none), Shown(CURLOPT_SEEKDATA, none),
-                  Shown(CURLOPT_SEEKFUNCTION, none), Shown(CURLOPT_UPLOAD, 0L),
-                  Shown(CURLOPT_INFILESIZE_LARGE, -1L)));
+      ElementsAre(Opt(CURLOPT_URL, "http://h/p"), Opt(CURLOPT_UPLOAD, 1L),
+                  Opt(CURLOPT_INFILESIZE_LARGE, 8L), Opt(CURLOPT_READDATA, source),
+                  Opt(CURLOPT_READFUNCTION, FileSource::Read), Opt(CURLOPT_SEEKDATA, source),
+                  Opt(CURLOPT_SEEKFUNCTION, FileSource::Seek), Opt(CURLOPT_READDATA, none),
+                  Opt(CURLOPT_READFUNCTION, none), Opt(CURLOPT_SEEKDATA, none),
+                  Opt(CURLOPT_SEEKFUNCTION, none), Opt(CURLOPT_UPLOAD, 0L),
+                  Opt(CURLOPT_INFILESIZE_LARGE, -1L)));
 }
 
 TEST_F(PutFile, GivesTheFileInPiecesWhateverElseWasSetToBeSent) {

@@ -59,7 +59,7 @@ TEST_F(KdProtocolReqQueries, FileInfoAsksForThePathAsItIs) {
   req->m_curlCode = kStale;
   EXPECT_OK(req->getFileInfo("a/b", size));
   EXPECT_THAT(Calls(),
-              ElementsAre("hook getFullWorkingURL", "easy_setopt handle1 10002 \"s/a/b\"",
+              ElementsAre("hook getFullWorkingURL", "easy_setopt handle1 CURLOPT_URL \"s/a/b\"",
                           "hook setMethodParameter 4", "hook setHeaders", "easy_perform handle1",
                           "easy_getinfo handle1 2097154", "hook isOperationSuccess 200",
                           "hook unsetOpTypeParameter", "easy_getinfo handle1 3145743"));
@@ -323,7 +323,7 @@ TEST_F(KdProtocolReqQueries, AListingIsAskedForWithATrailingSlash) {
     Mark();
     EXPECT_OK(req->getFilesAndDirsInfoInFile(path));
     EXPECT_THAT(Calls(),
-                ElementsAre("hook getFullWorkingURL", "easy_setopt handle1 10002 \"s/a/b/\"",
+                ElementsAre("hook getFullWorkingURL", "easy_setopt handle1 CURLOPT_URL \"s/a/b/\"",
                             "hook setMethodParameter 3", "hook setHeaders", "easy_perform handle1",
                             "easy_getinfo handle1 2097154", "hook isOperationSuccess 200",
                             "hook unsetOpTypeParameter"));

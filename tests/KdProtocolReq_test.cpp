@@ -86,13 +86,13 @@ TEST_F(KdProtocolReqTest, ConstructionTouchesNothing) {
 }
 
 std::vector<std::string> DefaultOptions(const TestReq& req) {
-  return {Shown(CURLOPT_ERRORBUFFER, static_cast<const void*>(req.m_szErrorBuffer)),
-          Shown(CURLOPT_FOLLOWLOCATION, 1L),
-          Shown(CURLOPT_POSTREDIR, 7L),
-          Shown(CURLOPT_VERBOSE, 1L),
-          Shown(CURLOPT_SSL_VERIFYPEER, 1L),
-          Shown(CURLOPT_SSL_VERIFYHOST, 2L),
-          Shown(CURLOPT_CAINFO, "./curl-ca-bundle.crt")};
+  return {Opt(CURLOPT_ERRORBUFFER, static_cast<const void*>(req.m_szErrorBuffer)),
+          Opt(CURLOPT_FOLLOWLOCATION, 1L),
+          Opt(CURLOPT_POSTREDIR, 7L),
+          Opt(CURLOPT_VERBOSE, 1L),
+          Opt(CURLOPT_SSL_VERIFYPEER, 1L),
+          Opt(CURLOPT_SSL_VERIFYHOST, 2L),
+          Opt(CURLOPT_CAINFO, "./curl-ca-bundle.crt")};
 }
 
 TEST_F(KdProtocolReqTest, InitializeSetsTheDefaultsAndNoTimeLimit) {
@@ -135,7 +135,7 @@ TEST_F(KdProtocolReqTest, InitializeStopsAtTheFirstRefusedDefault) {
     const CZuError error = req.initialize();
     const std::vector<std::string> defaults = DefaultOptions(req);
     const std::string& refused = defaults[static_cast<size_t>(n - 1)];
-    const std::string number = refused.substr(0, refused.find(' '));
+    const std::string number = std::to_string(NumberOf(refused));
     EXPECT_FAILS(error, TransferCode(kRefusal), ("Failed to set option [" + number + "]").c_str());
     EXPECT_THAT(error.AsString(), HasSubstr("::setDefaultConfiguration()"));
     EXPECT_THAT(error.AsString(), EndsWith("::initialize()"));
@@ -165,7 +165,7 @@ TEST_F(KdProtocolReqTest, ASecondInitializeTakesANewHandleAndLeaksNothing) {
     EXPECT_EQ(fake.Show(req.m_curlContext->m_curl), "handle2");
     // The object is initialised by now, so this time the default time limit is accepted.
     std::vector<std::string> options = DefaultOptions(req);
-    options.insert(options.begin(), Shown(CURLOPT_TIMEOUT, 1080L));
+    options.insert(options.begin(), Opt(CURLOPT_TIMEOUT, 1080L));
     EXPECT_THAT(fake.CallsTo("easy_setopt handle2 "), ElementsAreArray(options));
     EXPECT_EQ(fake.Alive().size(), 2u);
   }
@@ -204,7 +204,7 @@ TEST_F(KdProtocolReqTest, TheDefaultsCanBeSetAgainWithATimeLimit) {
   TestReq req(fake);
   ASSERT_OK(req.initialize());
   std::vector<std::string> options = DefaultOptions(req);
-  options.insert(options.begin(), Shown(CURLOPT_TIMEOUT, 1080L));
+  options.insert(options.begin(), Opt(CURLOPT_TIMEOUT, 1080L));
   req.setOperationType(KdCURL::OP_UPLOAD_FILE);
   req.m_curlCode = kStale;
   std::memset(req.m_szErrorBuffer, 'x', kErrorBufferSize);

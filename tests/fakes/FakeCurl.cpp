@@ -273,8 +273,7 @@ CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
   va_start(args, option);
   FakeValue value = ReadValue(option, args);
   va_end(args);
-  gFake.calls.push_back("easy_setopt " + Show(handle) + " " + Show(int{option}) + " " +
-                        value.shown);
+  gFake.calls.push_back("easy_setopt " + Show(handle) + " " + NameOf(option) + " " + value.shown);
   if (Code("easy_setopt") != CURLE_OK) return Code("easy_setopt");
   const auto refusedAt = gFake.refusedOptionAt.find(++gFake.setopts);
   if (refusedAt != gFake.refusedOptionAt.end()) return static_cast<CURLcode>(refusedAt->second);

@@ -3,6 +3,7 @@
 #define CURL_DISABLE_DEPRECATION  // the form functions are among what is recorded
 #include <curl/curl.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -13,6 +14,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include "fakes/OptionNames.h"
 
 // A libcurl.so that transfers nothing: it writes down what it is asked for and answers as a test
 // told it to. This header is shared by the library (FakeCurl.cpp) and the tests, which reach the
@@ -158,22 +161,24 @@ struct FakeCurl {
   }
 };
 
-// How options are shown in a call, behind the handle.
-inline std::string Shown(CURLoption option, long value) {
-  return std::to_string(option) + " " + std::to_string(value);
+// How an option that is set is shown in a call, behind the handle: as "CURLOPT_NOBODY 1".
+inline std::string Opt(CURLoption option, long value) {
+  return NameOf(option) + " " + std::to_string(value);
 }
-inline std::string Shown(CURLoption option, const std::string& text) {
-  return std::to_string(option) + " \"" + text + "\"";
+inline std::string Opt(CURLoption option, int value) { return Opt(option, long{value}); }
+inline std::string Opt(CURLoption option, std::nullptr_t) { return NameOf(option) + " null"; }
+inline std::string Opt(CURLoption option, const std::string& text) {
+  return NameOf(option) + " \"" + text + "\"";
 }
-inline std::string Shown(CURLoption option, const char* text) {
-  return Shown(option, std::string(text));
+inline std::string Opt(CURLoption option, const char* text) {
+  return Opt(option, std::string(text));
 }
-inline std::string Shown(CURLoption option, const void* pointer) {
+inline std::string Opt(CURLoption option, const void* pointer) {
   char text[32] = "null";
   if (pointer != nullptr) std::snprintf(text, sizeof text, "%p", pointer);
-  return std::to_string(option) + " " + text;
+  return NameOf(option) + " " + text;
 }
 template <typename Result, typename... Args>
-std::string Shown(CURLoption option, Result (*function)(Args...)) {
-  return Shown(option, reinterpret_cast<const void*>(function));
+std::string Opt(CURLoption option, Result (*function)(Args...)) {
+  return Opt(option, reinterpret_cast<const void*>(function));
 }

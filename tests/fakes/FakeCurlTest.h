@@ -67,7 +67,7 @@ class FakeCurlTest : public testing::Test {
     library.Reset();
   }
 
-  // The options set since `mark`, as Shown() shows them.
+  // The options set since `mark`, as Opt() shows them.
   std::vector<std::string> Options() const { return fake.CallsTo("easy_setopt handle1 ", mark); }
   std::vector<std::string> Calls() const { return fake.CallsTo("", mark); }
   void Mark() { mark = fake.calls.size(); }
