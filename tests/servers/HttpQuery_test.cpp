@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include "ZuNetwork/KdTransferIO.h"
 #include "servers/TestRequest.h"
 #include "support/RawServer.h"
 #include "support/Servers.h"
@@ -216,10 +217,11 @@ TEST_F(HttpQuery, ListingPageWithWholePathsIsCollected) {
             "<A HREF=\"/\">[To Parent Directory]</A><br>\n<A HREF=\"/page/sub/\">sub</A><br>\n"
             "<A HREF=\"/page/a%20b.txt\">a b.txt</A><br>\n<A HREF=\"/page/web.config\">w</A>\n");
   const auto received = m_server.Folder() / "received";
-  FileSink sink(received);
-  m_request.setWriteCallBack(&sink, FileSink::Take);
+  KdCURL::FileSink sink;
+  ASSERT_OK(sink.Open(received));
+  m_request.setWriteCallBack(&sink, KdCURL::FileSink::Write);
   ASSERT_OK(m_request.getFilesAndDirsInfoInFile("/page"));
-  sink.Close();
+  ASSERT_OK(sink.Commit());
   std::vector<KdCURL::FileDirInfo> entries;
   ASSERT_OK(m_request.collectFilesAndDir(received, &entries, "/page/"));
   ASSERT_EQ(entries.size(), 2U);
@@ -233,10 +235,11 @@ TEST_F(HttpQuery, ListingPageWithWholePathsIsCollected) {
 TEST_F(HttpQuery, ListingPageWithRelativeLinksIsNotCollected) {
   WriteFile(Served("listing/file"), "text");
   const auto received = m_server.Folder() / "received";
-  FileSink sink(received);
-  m_request.setWriteCallBack(&sink, FileSink::Take);
+  KdCURL::FileSink sink;
+  ASSERT_OK(sink.Open(received));
+  m_request.setWriteCallBack(&sink, KdCURL::FileSink::Write);
   ASSERT_OK(m_request.getFilesAndDirsInfoInFile("/listing/"));
-  sink.Close();
+  ASSERT_OK(sink.Commit());
   std::vector<KdCURL::FileDirInfo> entries;
   EXPECT_FAILS(m_request.collectFilesAndDir(received, &entries, "/listing/"), IntCode(101),
                "Invalid HTTP Reponse. Parsing the reponse file failed.");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <random>
 
+#include "ZuNetwork/KdTransferIO.h"
 #include "servers/TestRequest.h"
 #include "support/RawServer.h"
 #include "support/Servers.h"
@@ -67,10 +68,11 @@ TEST_F(HttpTransfer, DownloadOf64MiBArrivesUnchanged) {
   constexpr std::uintmax_t kSize = 64U << 20;
   WriteFile(Served("large"), Bytes(kSize));
   const auto received = m_server.Folder() / "received";
-  FileSink sink(received);
-  m_request.setWriteCallBack(&sink, FileSink::Take);
+  KdCURL::FileSink sink;
+  ASSERT_OK(sink.Open(received));
+  m_request.setWriteCallBack(&sink, KdCURL::FileSink::Write);
   ASSERT_OK(m_request.download("/large", {}));
-  sink.Close();
+  ASSERT_OK(sink.Commit());
   EXPECT_EQ(std::filesystem::file_size(received), kSize);
   EXPECT_EQ(Sha256(received), Sha256(Served("large")));
 }
