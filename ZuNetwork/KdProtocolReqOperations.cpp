@@ -10,6 +10,9 @@ using FXErrorUtil::ErrorInt;
 
 bool IsNullOrEmpty(const char* text) { return text == nullptr || *text == '\0'; }
 
+// What a path is to those that take it as text.
+std::string UpToZero(const std::string& path) { return path.substr(0, path.find('\0')); }
+
 // An unknown length is -1. Lengths that differ from it by multiples of 2^32 read as unknown too; a
 // number beyond 64 bits has no low half to look at.
 bool IsUnknownLength(double length) {
@@ -134,7 +137,7 @@ CZuError KdProtocolReq::SendOperation(const FXCodeLocation& where) {
 }
 
 std::string KdProtocolReq::AppendForwardSlash(const std::string& path) {
-  std::string folder = path.c_str();
+  std::string folder = UpToZero(path);
   if (folder.empty() || folder.back() != '/') folder += '/';
   return folder;
 }
@@ -167,7 +170,8 @@ CZuError KdProtocolReq::checkIfFileOrDirExists(const std::string& srcPath, bool 
   resetCurlErrorBuffer();
   if (!m_bProtocolInitialized) return ErrorInt(ZU_HERE, kErrorBadInput, kNotInitialized);
   double size = 0.0;
-  const CZuError error = getFileInfo(isFile ? srcPath.c_str() : AppendForwardSlash(srcPath), size);
+  const CZuError error =
+      getFileInfo(isFile ? UpToZero(srcPath) : AppendForwardSlash(srcPath), size);
   if (isFile) {
     if (m_curlCode != CURLE_OK) {
       CZuError failure =

@@ -123,10 +123,9 @@ class ZUNETWORK_API CZuPing {
   // Off, everything that comes in during the wait is taken for the answer, and its sender gets the
   // next request: once a router has said that a host is unreachable, the router is pinged. On:
   // - every request goes to the server;
-  // - a reply counts that has the id, the sequence number and the data of the request and comes
-  // from
-  //   the server; late and doubled ones and those to other programs are passed over, and the wait
-  //   goes on for what is left of its time, which is `timeout` seconds of the monotonic clock;
+  // - a reply counts that comes from the server with the request's id, sequence number and data;
+  //   late and doubled ones and those to other programs are passed over, and the wait goes on for
+  //   what is left of its time, which is `timeout` seconds of the monotonic clock;
   // - an ICMP error that quotes the request ends the wait with ZUPING_STATE_ICMPERROR;
   // - ErrorKDResult 3 "Invalid buffer size (%u)" for more than the 65,507 bytes that fit a packet,
   //   ErrorKDResult 2 "IPV6 is not supported currently" for a server that is an IPv6 address.
