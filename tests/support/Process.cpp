@@ -164,7 +164,7 @@ std::string Run(const std::vector<std::string>& command) {
   const TempDir folder;
   const auto log = folder / "log";
   const Process process(command, log);
-  if (!process.WaitForEnd(30s)) throw std::runtime_error(command[0] + " does not end");
+  if (!process.WaitForEnd(100s)) throw std::runtime_error(command[0] + " does not end");
   if (process.ExitStatus() != 0) throw std::runtime_error(command[0] + " failed\n" + Text(log));
   return Text(log);
 }

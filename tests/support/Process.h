@@ -44,7 +44,7 @@ std::string FindProgram(const std::string& name);
 // when it is not there, at `path`.
 std::string FindServerFile(const std::string& path);
 
-// Runs a program to its end, within thirty seconds, and returns what it printed. Throws
+// Runs a program to its end, within a hundred seconds, and returns what it printed. Throws
 // std::runtime_error, with the output, when it fails.
 std::string Run(const std::vector<std::string>& command);
 

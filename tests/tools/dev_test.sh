@@ -138,6 +138,15 @@ test_presets_may_be_left_out() {
   expect "and tested" '^ctest --test-dir build/release '
 }
 
+test_nightly_goes_on_after_a_failure() {
+  new_machine
+  fake ctest '[[ $* != *build/tsan* ]]'
+  dev nightly
+  expect_status 1 nightly
+  expect "what failed is named" '^dev: failed: tsan$' "$folder/out"
+  expect "the release is tried" '^ctest --test-dir build/release '
+}
+
 test_without_rights() {
   new_machine
   new_user
@@ -164,5 +173,6 @@ test_each_command_gets_what_it_needs
 test_servers_are_unpacked
 test_other_compilers
 test_presets_may_be_left_out
+test_nightly_goes_on_after_a_failure
 test_without_rights
 exit $((failures > 0))

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/Expect.h"
+#include "support/Namespaces.h"
 
 namespace {
 
@@ -151,17 +152,18 @@ zu::Stop gStop;  // constant-initialised: a handler may come before main
 int gErrNoAfterRequest = -1;
 
 TEST(ZuStop, IsRequestedByASignalHandlerThatKeepsErrno) {
-  ASSERT_OK(gStop.Open());
-  const auto old = std::signal(SIGUSR1, [](int) {
-    errno = ERANGE;
-    gStop.Request();
-    gErrNoAfterRequest = errno;
+  namespaces::RunInChild([] {  // a stop is opened once
+    ASSERT_OK(gStop.Open());
+    std::signal(SIGUSR1, [](int) {
+      errno = ERANGE;
+      gStop.Request();
+      gErrNoAfterRequest = errno;
+    });
+    ASSERT_EQ(raise(SIGUSR1), 0);
+    EXPECT_TRUE(gStop.IsRequested());
+    EXPECT_TRUE(IsReadable(gStop.GetDescriptor()));
+    EXPECT_EQ(gErrNoAfterRequest, ERANGE);
   });
-  ASSERT_EQ(raise(SIGUSR1), 0);
-  std::signal(SIGUSR1, old);
-  EXPECT_TRUE(gStop.IsRequested());
-  EXPECT_TRUE(IsReadable(gStop.GetDescriptor()));
-  EXPECT_EQ(gErrNoAfterRequest, ERANGE);
 }
 
 TEST(ZuStop, IsRequestedByManyThreads) {
