@@ -67,7 +67,7 @@ bool SameV4Prefix(const ZUNET_SockAddr& left, const ZUNET_SockAddr& right, int b
   return ntohl(V4Word(left) ^ V4Word(right)) >> (32 - bits) == 0;
 }
 
-std::uint64_t V6Word(const ZUNET_SockAddr& address, int index) {
+std::uint64_t V6Word(const ZUNET_SockAddr& address, std::size_t index) {
   std::uint64_t word;
   std::memcpy(&word, address.addr.v6.sin6_addr.s6_addr + 8 * index, sizeof word);
   return word;
