@@ -359,7 +359,7 @@ TEST_F(Fault, NoTable) {
 
 TEST_F(Fault, NoMemory) {
   AddInterfaces(30);
-  for (const std::size_t size : {1024, 2048}) {
+  for (const std::size_t size : {1024U, 2048U}) {
     const heap::Failing failing(heap::kMalloc, size, size);
     ExpectBothFail(Win32Code(8), "Out of memory", kV4);
     ExpectBothFail(Win32Code(8), "Out of memory", kAny);
