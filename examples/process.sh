@@ -1,6 +1,6 @@
 # shellcheck shell=bash
 # Servers on loopback for scripts: those that ./dev unpacked, else those that are installed.
-unpacked_servers=$(realpath "$(dirname "${BASH_SOURCE[0]}")/..")/build/servers
+unpacked_servers=$(realpath -m "$(dirname "${BASH_SOURCE[0]}")/../build/servers")
 PATH=$unpacked_servers/bin:$PATH:/usr/sbin:/sbin
 
 # Servers that hold files need no right and run as the user of the script, or as nobody when that is

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <random>
 #include <stdexcept>
@@ -86,12 +87,19 @@ bool Reserve(int port) {
   return false;
 }
 
+// Where the servers really are: the way through the folder of the sources is closed to those that
+// run with fewer rights than root, where that folder is root's alone.
+const std::string& UnpackedServers() {
+  static const std::string folder = std::filesystem::weakly_canonical(UNPACKED_SERVERS);
+  return folder;
+}
+
 }  // namespace
 
 std::string FindProgram(const std::string& name) {
   if (name.find('/') != std::string::npos) return name;
   const char* const path = getenv("PATH");
-  std::string folders = UNPACKED_SERVERS "/bin:" + (path == nullptr ? std::string() : path) +
+  std::string folders = UnpackedServers() + "/bin:" + (path == nullptr ? std::string() : path) +
                         ":/usr/sbin:/usr/local/sbin:";
   for (size_t end; (end = folders.find(':')) != std::string::npos; folders.erase(0, end + 1)) {
     std::string program = folders.substr(0, end) + "/" + name;
@@ -101,7 +109,7 @@ std::string FindProgram(const std::string& name) {
 }
 
 std::string FindServerFile(const std::string& path) {
-  std::string unpacked = UNPACKED_SERVERS + path;
+  std::string unpacked = UnpackedServers() + path;
   return access(unpacked.c_str(), F_OK) == 0 ? unpacked : path;
 }
 
