@@ -254,7 +254,8 @@ Key EndpointKey(const CZuIPAddr& address) {
 auto Tie(const Key& key) { return std::tie(key.family, key.high, key.low, key.port, key.scope); }
 
 std::size_t Hash(const Key& key) {
-  // 16 random bytes that the kernel gives to every process.
+  // 16 random bytes that the kernel gives to every process, by their address as a number.
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
   static const auto* const random = reinterpret_cast<const char*>(getauxval(AT_RANDOM));
   std::uint64_t secrets[2] = {};
   if (random != nullptr) std::memcpy(secrets, random, sizeof secrets);

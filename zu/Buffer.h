@@ -16,7 +16,7 @@ namespace zu {
 // One that was moved from is empty and may be used on.
 class ZU_API Buffer {
  public:
-  explicit Buffer(std::size_t limit = 64 * 1024) noexcept;
+  explicit Buffer(std::size_t limit = 65536) noexcept;
   Buffer(Buffer&& other) noexcept;
   Buffer& operator=(Buffer&& other) noexcept;
 

@@ -56,8 +56,8 @@ class ZU_API Deadline {
   template <class Rep, class Period>
   Deadline(std::chrono::duration<Rep, Period> left)  // NOLINT(google-explicit-constructor)
       : Deadline(FromNow(std::chrono::duration<double>(left))) {}
-  Deadline(Clock::time_point when) noexcept
-      : m_when(when) {}  // NOLINT(google-explicit-constructor)
+  Deadline(Clock::time_point when) noexcept  // NOLINT(google-explicit-constructor)
+      : m_when(when) {}
 
   static Deadline Never() noexcept { return Clock::time_point::max(); }
 

@@ -55,7 +55,8 @@ struct Lookup::State {
 namespace {
 
 constexpr std::uint32_t kMostLookups = 256;
-constexpr std::size_t kStackSize = 512 * 1024;  // modules of the resolver use the stack freely
+// Modules of the resolver use the stack freely.
+constexpr std::size_t kStackSize = std::size_t{512} * 1024;
 constexpr std::size_t kLongestName = NI_MAXHOST - 1;
 
 // How many threads run: the count in the low half, and the process that it is of in the high one,
