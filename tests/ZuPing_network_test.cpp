@@ -124,7 +124,7 @@ class ZuPingNetwork : public testing::Test {
 
 std::vector<unsigned> One(KD_PING_STATE state) {
   std::vector<unsigned> counters(5);
-  counters[state] = 1;
+  counters[static_cast<std::size_t>(state)] = 1;
   return counters;
 }
 

@@ -483,13 +483,13 @@ TEST_F(ZuSocketSelector, ResultOfASocketEndsWithItsRegistration) {
 }
 
 TEST_F(ZuSocketSelector, FindsWhatIsReadyAmongManyInAnyPattern) {
-  constexpr int kCount = 300;
-  for (const int step : {1, 2, 3, 63, 64, 65, 299}) {
+  constexpr std::size_t kCount = 300;
+  for (const std::size_t step : {1U, 2U, 3U, 63U, 64U, 65U, 299U}) {
     SCOPED_TRACE(step);
     std::vector<OwnedSocket> ends(2 * kCount);
     CZuSocketSelector selector;
     Descriptors expected;
-    for (int i = 0; i < kCount; ++i) {
+    for (std::size_t i = 0; i < kCount; ++i) {
       int pair[2];
       ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
       ends[2 * i].AttachConnectedSocket(pair[0]);

@@ -540,7 +540,7 @@ TEST(KeepAlive, HandsTheWholeNumberToTheSystemIdleTimeFirst) {
 TEST_P(OnLoopback, KeepAliveFailures) {
   const Descriptor s(socket(loopback.family, SOCK_STREAM, 0));
   const int interval = IntOption(s.Get(), IPPROTO_TCP, TCP_KEEPINTVL);
-  EXPECT_EQ(ZUNET_settcpkeepaliveoptions(s.Get(), 0, interval + 1ul), EINVAL);
+  EXPECT_EQ(ZUNET_settcpkeepaliveoptions(s.Get(), 0, static_cast<u_long>(interval + 1)), EINVAL);
   EXPECT_EQ(IntOption(s.Get(), IPPROTO_TCP, TCP_KEEPINTVL), interval);
   EXPECT_EQ(ZUNET_settcpkeepaliveoptions(s.Get(), 99, 0), EINVAL);
   EXPECT_EQ(IntOption(s.Get(), IPPROTO_TCP, TCP_KEEPIDLE), 99);
