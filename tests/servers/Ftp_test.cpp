@@ -33,7 +33,7 @@ class Ftp : public testing::Test {
 }  // namespace
 
 TEST_F(Ftp, FilesArriveAsTheyAre) {
-  for (const size_t size : {0, 1, 2, 16383, 16384, 16385, 65536, 1 << 20, 5000001}) {
+  for (const size_t size : {0U, 1U, 2U, 16383U, 16384U, 16385U, 65536U, 1U << 20, 5000001U}) {
     SCOPED_TRACE(size);
     const std::string bytes = RandomBytes(size);
     ASSERT_OK(Upload(bytes, "file"));

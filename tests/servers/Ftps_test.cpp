@@ -28,7 +28,7 @@ TEST_F(Ftps, TheControlConnectionIsEncryptedAndTheDataIsNot) {
   ASSERT_OK(m_request.setSecured(true, Made().Authority()));
   ASSERT_OK(m_request.setSSL());
   const TempDir folder;
-  for (const size_t size : {0, 1, 3000000}) {
+  for (const size_t size : {0U, 1U, 3000000U}) {
     SCOPED_TRACE(size);
     const std::string bytes = RandomBytes(size);
     WriteFile(folder / "source", bytes);

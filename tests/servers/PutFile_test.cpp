@@ -35,7 +35,7 @@ class PutFile : public testing::Test {
 TEST_F(PutFile, HttpGetsTheBytesAsTheyAre) {
   const NginxServer server(kDirectives);
   TestRequest request(server.Port());
-  for (const size_t size : {0, 1, 65536, 5'000'001}) {
+  for (const size_t size : {0U, 1U, 65536U, 5'000'001U}) {
     SCOPED_TRACE(size);
     const std::string bytes = RandomBytes(size);
     ASSERT_OK(request.putFile(File(bytes), "/dav/new/file", {}));
@@ -69,7 +69,7 @@ TEST_F(PutFile, ABodyThatFirstMeetsARequestForALoginIsSentWhole) {
   const NginxServer server(kDirectives);
   WriteFile(server.Folder() / "passwords", "bob:{PLAIN}s3cret\n");
   TestRequest request(server.Port());
-  ASSERT_OK(request.setHTTPAuth(CURLAUTH_ANY));
+  ASSERT_OK(request.setHTTPAuth(static_cast<long>(CURLAUTH_ANY)));
   ASSERT_OK(request.setCredentials("bob", "s3cret"));
   const std::string bytes = RandomBytes(3'000'000);
   ASSERT_OK(request.putFile(File(bytes), "/login/file", {}));
@@ -94,7 +94,7 @@ TEST_F(PutFile, FtpAndSftpGetTheBytesAsTheyAre) {
   FtpRequest ftpRequest(ftp.Port());
   SftpRequest sftpRequest(sftp.Port());
   ASSERT_OK(sftpRequest.setFTPAuth(CURLSSH_AUTH_PASSWORD));
-  for (const size_t size : {1, 3'000'001}) {
+  for (const size_t size : {1U, 3'000'001U}) {
     SCOPED_TRACE(size);
     const std::string bytes = RandomBytes(size);
     ASSERT_OK(ftpRequest.putFile(File(bytes), "new/file", {}));

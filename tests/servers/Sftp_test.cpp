@@ -42,7 +42,7 @@ class Sftp : public testing::Test {
 }  // namespace
 
 TEST_F(Sftp, FilesArriveAsTheyAre) {
-  for (const size_t size : {0, 1, 32767, 32768, 32769, 1 << 20, 5000001}) {
+  for (const size_t size : {0U, 1U, 32767U, 32768U, 32769U, 1U << 20, 5000001U}) {
     SCOPED_TRACE(size);
     const std::string bytes = RandomBytes(size);
     ASSERT_OK(Upload(bytes, Home("file")));
