@@ -5,6 +5,7 @@
 set -euo pipefail
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
+chmod 755 "$folder"
 mkdir "$folder/bin" "$folder/examples"
 cp "$1" "$folder/dev"
 export PATH=$folder/bin:$PATH CALLS=$folder/calls
@@ -115,6 +116,21 @@ test_servers_are_unpacked() {
   expect "what is not is unpacked" 'download .*vsftpd'
 }
 
+# Some servers of root's run as somebody else.
+test_servers_of_a_closed_folder_are_within_reach() {
+  local servers
+  if ((EUID != 0)); then return; fi
+  new_machine
+  chmod 700 "$folder"
+  dev setup
+  chmod 755 "$folder"
+  expect_status 0 "setup in a closed folder"
+  servers=$(realpath "$folder/build/servers")
+  "$folder/build/servers/bin/sshd" >"$folder/out"
+  expect "they are elsewhere" "sshd runs with /var/tmp/zunetwork-servers[.]" "$folder/out"
+  rm -r "$servers"
+}
+
 test_other_compilers() {
   new_machine
   dev compilers
@@ -171,6 +187,7 @@ test_without_rights() {
 
 test_each_command_gets_what_it_needs
 test_servers_are_unpacked
+test_servers_of_a_closed_folder_are_within_reach
 test_other_compilers
 test_presets_may_be_left_out
 test_nightly_goes_on_after_a_failure
